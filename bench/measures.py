@@ -1,0 +1,182 @@
+"""What is measured: processor time per request in alternating rounds, user instructions, system
+calls, and resident bytes per idle connection. README.md says why it is done this way.
+"""
+
+import collections
+import os
+import pathlib
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import time
+
+from processes import (BenchError, child_of, cpu_nanoseconds, expect, resident_bytes, settle)
+
+WARM_UP = {"keep-alive": 1000, "browser": 1000, "pipelined": 4000, "connection": 300}
+IDLE_CONNECTIONS = 10_000
+WAITS = {"epoll_wait", "epoll_pwait", "epoll_pwait2", "restart_syscall"}
+
+
+class Ratios:
+    """The ratios of one server to another over the rounds."""
+
+    def __init__(self, values):
+        self.values = list(values)
+
+    @property
+    def median(self):
+        return statistics.median(self.values)
+
+    def __str__(self):
+        if len(self.values) < 4:
+            low, high = min(self.values), max(self.values)
+        else:
+            low, _, high = statistics.quantiles(self.values, n=4, method="inclusive")
+        return f"{self.median:.2f} ({low:.2f}-{high:.2f})"
+
+
+def cpu_per_request(bench, target, load, requests):
+    """Nanoseconds of processor time of one fresh server per request of one load."""
+    with bench.server(target) as (server, port), \
+            bench.load(port, load, "--wait", "--warmup", WARM_UP[load],
+                       "--requests", requests) as client:
+        expect(client, "ready")
+        settle(server.pid)
+        before = cpu_nanoseconds(server.pid)
+        client.tell("go")
+        expect(client, "done")
+        settle(server.pid)
+        after = cpu_nanoseconds(server.pid)
+        client.tell("end")
+        client.wait(10)
+        return (after - before) / requests
+
+
+def cpu_rounds(bench, targets, load, requests, rounds, seconds):
+    """Rounds in which every server has its turn, each time in another order.
+
+    Returns ({name: [ns, ...]}, {name: reason}): a server that fails is left out from then on.
+    Ends early, but not before the third round, once `seconds` have passed.
+    """
+    results, failures = collections.defaultdict(list), {}
+    end = time.monotonic() + seconds
+    for turn in range(rounds):
+        shift = turn % len(targets)
+        for target in targets[shift:] + targets[:shift]:
+            if target.name in failures:
+                continue
+            try:
+                results[target.name].append(cpu_per_request(bench, target, load, requests))
+            except BenchError as error:
+                failures[target.name] = str(error)
+        if turn >= 2 and time.monotonic() > end:
+            break
+    return results, failures
+
+
+def median_microseconds(nanoseconds):
+    return statistics.median(nanoseconds) / 1000
+
+
+def ratios(results, name, *bases):
+    """One server's time over the mean of the bases' times, round by round."""
+    means = map(statistics.mean, zip(*(results[base] for base in bases)))
+    return Ratios(one / mean for one, mean in zip(results[name], means))
+
+
+def instructions_per_request(bench, target, load, few, many):
+    """User instructions under callgrind; the difference of two runs leaves out the start."""
+    first = _instructions(bench, target, load, few)
+    return (_instructions(bench, target, load, many) - first) / (many - few)
+
+
+def _instructions(bench, target, load, requests):
+    file = pathlib.Path(bench.directory) / "callgrind.out"
+    file.unlink(missing_ok=True)
+    wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={file}"]
+    with bench.server(target, wrapper) as (server, port):
+        bench.run_load(port, load, requests)
+        settle(server.pid)
+    text = file.read_text() if file.exists() else ""
+    match = re.search(r"^totals: (\d+)", text, re.MULTILINE)
+    if not match:
+        raise BenchError("callgrind left no total")
+    return int(match.group(1))
+
+
+class Calls:
+    """System calls per request by name, waiting for events apart."""
+
+    def __init__(self, by_name):
+        self.by_name = {name: count for name, count in by_name.items()
+                        if name not in WAITS and abs(count) >= 0.005}
+        self.total = sum(self.by_name.values())
+        self.waits = max(0, sum(count for name, count in by_name.items() if name in WAITS))
+
+    def details(self):
+        ordered = sorted(self.by_name.items(), key=lambda item: -item[1])
+        parts = [f"{name} {count:.2f}" for name, count in ordered]
+        return ", ".join(parts) + f"; waits {self.waits:.2f}"
+
+
+def calls_per_request(bench, target, load, few, many):
+    """System calls of all threads under strace; the difference of two runs leaves out the start."""
+    first = _calls(bench, target, load, few)
+    second = _calls(bench, target, load, many)
+    return Calls({name: (second[name] - first[name]) / (many - few) for name in second})
+
+
+def _calls(bench, target, load, requests):
+    file = pathlib.Path(bench.directory) / "strace.out"
+    file.unlink(missing_ok=True)
+    with bench.server(target, ["strace", "-f", "-qq", "-c", "-o", str(file)]) as (tracer, port):
+        # Few connections: how many accepts find nothing more to accept differs from run to run.
+        bench.run_load(port, load, requests, connections=16)
+        traced = child_of(tracer.pid)
+        settle(traced)
+        os.kill(traced, signal.SIGTERM)
+        tracer.wait(15)
+    counts = collections.Counter()
+    for line in file.read_text().splitlines():
+        words = line.split()
+        if len(words) >= 5 and words[3].isdigit() and words[-1] != "total":
+            counts[words[-1]] += int(words[3])
+    if not counts:
+        raise BenchError("strace counted nothing")
+    return counts
+
+
+def bytes_per_idle_connection(bench, target):
+    """Growth of the resident set over 10,000 connections that have had one answer each."""
+    with bench.server(target) as (server, port):
+        bench.run_load(port, "keep-alive", 2000, connections=8)
+        settle(server.pid)
+        before = resident_bytes(server.pid)
+        with bench.load(port, "idle", "--wait", "--connections", IDLE_CONNECTIONS) as client:
+            expect(client, "ready")
+            client.tell("go")
+            expect(client, "done")
+            settle(server.pid)
+            return (resident_bytes(server.pid) - before) / IDLE_CONNECTIONS
+
+
+def machine_facts(core):
+    """Lines on what the figures were taken on."""
+    model = "unknown processor"
+    for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines():
+        if line.startswith("model name"):
+            model = line.partition(":")[2].strip()
+            break
+    virtual = ""
+    if shutil.which("systemd-detect-virt"):
+        kind = subprocess.run(["systemd-detect-virt"], capture_output=True, text=True, check=False)
+        virtual = f", {kind.stdout.strip()}" if kind.returncode == 0 else ""
+    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
+    revision = subprocess.run(["git", "describe", "--always", "--dirty", "--tags"], text=True,
+                              cwd=pathlib.Path(__file__).parent, capture_output=True, check=False)
+    return [f"{model}, {os.cpu_count()} cores{virtual}, {memory:.0f} GiB, "
+            f"{os.uname().sysname} {os.uname().release}",
+            f"server and load on core {core}; load average {os.getloadavg()[0]:.2f}",
+            f"sources at {revision.stdout.strip() or 'no known revision'}"]

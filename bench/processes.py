@@ -1,0 +1,248 @@
+"""The processes of a benchmark: servers and loads, pinned to one core, and the kernel's account of
+them. Everything started here is stopped here, whatever happens. What is measured is in measures.py.
+"""
+
+import contextlib
+import ctypes
+import os
+import pathlib
+import re
+import select
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+START_SECONDS = 30
+LOAD_SECONDS = 120
+ANSWER = "Hello, world!"
+
+
+class BenchError(Exception):
+    """A measurement that cannot be made, with the reason."""
+
+
+def _prepare_child(core, batch):
+    """Runs in the child: one core, batch priority for the load, death with the parent."""
+
+    def prepare():
+        ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+        os.sched_setaffinity(0, {core})
+        if batch:
+            os.sched_setscheduler(0, os.SCHED_BATCH, os.sched_param(0))
+
+    return prepare
+
+
+class Child:
+    """A process in a session of its own, with its output read line by line."""
+
+    _running = set()
+
+    def __init__(self, command, core, batch=False):
+        self.command = command
+        self._text = b""
+        self._errors = tempfile.TemporaryFile()  # a pipe that nobody reads would block the child
+        self._process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True,
+            stderr=self._errors, preexec_fn=_prepare_child(core, batch))
+        self.pid = self._process.pid
+        Child._running.add(self)
+
+    def line(self, seconds):
+        """The next line of standard output."""
+        deadline = time.monotonic() + seconds
+        output = self._process.stdout.fileno()
+        while b"\n" not in self._text:
+            ready, _, _ = select.select([output], [], [], max(0, deadline - time.monotonic()))
+            piece = os.read(output, 4096) if ready else b""
+            if not piece:
+                raise BenchError(f"{self.command[0]}: " + (self._complaint() if ready else
+                                                           f"silent for {seconds} s"))
+            self._text += piece
+        line, self._text = self._text.split(b"\n", 1)
+        return line.decode()
+
+    def tell(self, line):
+        self._process.stdin.write(line.encode() + b"\n")
+        self._process.stdin.flush()
+
+    def wait(self, seconds):
+        try:
+            return self._process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            raise BenchError(f"{self.command[0]}: still running after {seconds} s") from None
+
+    def stop(self):
+        """Ends the whole session of the child, by force if it does not go."""
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            if self._process.poll() is not None:
+                break
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(self.pid, number)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                self._process.wait(10)
+        with contextlib.suppress(ProcessLookupError, PermissionError):
+            os.killpg(self.pid, signal.SIGKILL)
+        for stream in (self._process.stdin, self._process.stdout, self._errors):
+            with contextlib.suppress(OSError):
+                stream.close()
+        Child._running.discard(self)
+
+    def _complaint(self):
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self._process.wait(1)
+        if self._process.poll() is None:
+            return "closed its output"
+        self._errors.seek(0)
+        text = self._errors.read().decode(errors="replace").strip()
+        return text[-500:] or f"ended with {self._process.returncode}"
+
+    @classmethod
+    def stop_all(cls):
+        for child in list(cls._running):
+            child.stop()
+
+
+class Target:
+    """A server to measure: its name and how it is started."""
+
+    def __init__(self, name, command):
+        self.name = name
+        self._command = [str(part) for part in command]
+
+    def command(self, _directory):
+        """The command and the port, where the server does not choose and print one itself."""
+        return self._command, None
+
+
+class Nginx(Target):
+    """nginx with one process, its logs off, and the same answer out of its configuration."""
+
+    CONFIGURATION = """
+daemon off; master_process off; worker_processes 1; error_log stderr crit; pid {directory}/pid;
+worker_rlimit_nofile 20000;
+events {{ worker_connections 12000; }}
+http {{
+  access_log off; server_tokens off; keepalive_requests 1000000000; keepalive_timeout 60s;
+  client_body_temp_path {directory}/b; proxy_temp_path {directory}/p;
+  fastcgi_temp_path {directory}/f; uwsgi_temp_path {directory}/u; scgi_temp_path {directory}/s;
+  server {{
+    listen 127.0.0.1:{port} backlog=4096;
+    location / {{ default_type "text/plain; charset=utf-8"; return 200 "{answer}"; }}
+  }}
+}}
+"""
+
+    def __init__(self, program):
+        super().__init__("nginx", [program])
+
+    def command(self, directory):
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            port = probe.getsockname()[1]
+        file = pathlib.Path(directory) / "nginx.conf"
+        file.write_text(self.CONFIGURATION.format(directory=directory, port=port, answer=ANSWER))
+        return self._command + ["-p", str(directory), "-e", "stderr", "-c", str(file)], port
+
+
+class Bench:
+    """What all measurements share: the core, the load program and a directory for files."""
+
+    def __init__(self, core, client, directory):
+        self.core = core
+        self.client = str(client)
+        self.directory = directory
+
+    @contextlib.contextmanager
+    def server(self, target, wrapper=()):
+        """A running server as (child, port), started behind the words of `wrapper`."""
+        command, port = target.command(self.directory)
+        child = Child(list(wrapper) + command, self.core)
+        try:
+            if port is None:
+                line = child.line(START_SECONDS)
+                match = re.search(r"http://127\.0\.0\.1:(\d+)/", line)
+                if not match:
+                    raise BenchError(f"{target.name}: printed {line!r} instead of its address")
+                port = int(match.group(1))
+            else:
+                _wait_until_open(port)
+            yield child, port
+        finally:
+            child.stop()
+
+    @contextlib.contextmanager
+    def load(self, port, name, *options):
+        command = [self.client, "--port", str(port), "--load", name, "--expect", ANSWER]
+        child = Child(command + [str(option) for option in options], self.core, batch=True)
+        try:
+            yield child
+        finally:
+            child.stop()
+
+    def run_load(self, port, name, requests, connections=64):
+        """A whole load, with no look at the server in between."""
+        with self.load(port, name, "--requests", requests,
+                       "--connections", connections) as child:
+            expect(child, "ready")
+            expect(child, "done")
+
+
+def expect(child, word):
+    """Waits for the load's word, and for no errors when it is done."""
+    line = child.line(LOAD_SECONDS)
+    if not line.startswith(word):
+        raise BenchError(f"the load said {line!r}")
+    if word == "done" and " errors=0 " not in line:
+        raise BenchError(f"answers were wrong or missing: {line}")
+
+
+def _wait_until_open(port):
+    deadline = time.monotonic() + START_SECONDS
+    while True:
+        try:
+            socket.create_connection(("127.0.0.1", port), 1).close()
+            return
+        except OSError:
+            if time.monotonic() > deadline:
+                raise BenchError(f"nothing listens on port {port}") from None
+            time.sleep(0.02)
+
+
+def cpu_nanoseconds(pid):
+    """Time on a processor of all threads, those that have ended included: the scheduler's sum."""
+    return time.clock_gettime_ns(~pid << 3 | 2)  # the kernel's clock of another process
+
+
+def settle(pid):
+    """Waits until every thread of the process sleeps, so that its account is complete."""
+    before = None
+    for _ in range(200):
+        now = cpu_nanoseconds(pid)
+        if now == before and _all_sleep(pid):
+            return
+        before = now
+        time.sleep(0.001)
+
+
+def _all_sleep(pid):
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        with contextlib.suppress(FileNotFoundError):
+            if (task / "stat").read_text().rpartition(")")[2].split()[0] != "S":
+                return False
+    return True
+
+
+def resident_bytes(pid):
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return int(re.search(r"^Rss:\s+(\d+) kB", text, re.MULTILINE).group(1)) * 1024
+
+
+def child_of(pid):
+    """The process that a tracer has started."""
+    text = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+    if not text:
+        raise BenchError("the tracer has no child")
+    return int(text[0])

@@ -1,0 +1,166 @@
+// Answering a request: its dispatch, the answer on its way, and what comes after it.
+#include <utility>
+
+#include "corvane/http_connection.h"
+#include "corvane/responses.h"
+#include "http/connection_debug.h"
+#include "http/connection_engine.h"
+#include "http/dispatcher.h"
+#include "http/habits.h"
+#include "http/request_report.h"
+#include "http/response_call.h"
+#include "http/tags.h"
+
+namespace vel {
+
+void ConnectionEngine::handleRequest() {
+  Exchange& exchange = *exchange_;
+  prepareRequest();
+  if (!speaksVersion(exchange.request->head().version())) {
+    sendFixedAnswer(FixedAnswer::kVersionNotSupported);
+    return;
+  }
+  exchange.phase = Exchange::Phase::kEvaluating;
+  std::shared_ptr<VELResponse> response = answerInPlaceOfRoute(exchange);
+  if (response) {
+    didFinishRequest(std::move(response), std::nullopt);
+  } else {
+    evaluate();
+  }
+}
+
+void ConnectionEngine::prepareRequest() {
+  Exchange& exchange = *exchange_;
+  uint64_t length = 0;
+  std::optional<VELData> data;
+  std::optional<VELURL> fileURL;
+  if (exchange.body) {
+    BodyStore& store = exchange.body->store();
+    length = store.length();
+    if (store.isInFile()) {
+      fileURL = VELURL::fileURLWithPath(store.path());
+    } else {
+      data = VELData(store.takeBytes());
+    }
+  }
+  exchange.request->prepare(connection_.weak_from_this(), length, std::move(data),
+                            std::move(fileURL));
+}
+
+void ConnectionEngine::evaluate() {
+  // The route may answer before it returns, and the exchange may then be over already.
+  const std::shared_ptr<const ConfigurationSnapshot> holder = exchange_->own_configuration;
+  VELRoute& route = *exchange_->route;
+  const std::weak_ptr<ConnectionEngine> weak = self();
+  std::shared_ptr<ResponseSink> call = std::make_shared<ResponseCall>(weak);
+  evaluateRoute(route, exchange_->request, VELResponseHandler(std::move(call)));
+}
+
+void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
+                                  std::optional<VELError> error) {
+  if (queue_->isCurrent()) {
+    didFinishRequest(std::move(response), error);
+    return;
+  }
+  queue_->async(
+      [engine = self(), answer = std::move(response), failure = std::move(error)]() mutable {
+        engine->didFinishRequest(std::move(answer), failure);
+      });
+}
+
+void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
+                                        const std::optional<VELError>& error) {
+  // The connection may have ended, or its queue's last resort may have closed it, before the answer came.
+  if (!exchange_ || exchange_->phase != Exchange::Phase::kEvaluating) return;
+  Exchange& exchange = *exchange_;
+  exchange.response = passedThroughMiddlewares(exchange, std::move(response), error);
+  if (!exchange.response) {
+    sendFixedAnswer(error ? FixedAnswer::kServerError : FixedAnswer::kNoResponse,
+                    error ? &*error : nullptr);
+    return;
+  }
+  if (dynamic_cast<VELSocketYieldResponse*>(exchange.response.get()) != nullptr) {
+    exchange.status = exchange.response->status();
+    die();
+    return;
+  }
+  if (connectionDebugLog().isOn()) {
+    connectionDebugLog().line(
+        "Route for request evaluated with response: ", exchange.request->description(), ", ",
+        exchange.response->description());
+  }
+  sendResponse();
+}
+
+void ConnectionEngine::sendResponse() {
+  Exchange& exchange = *exchange_;
+  exchange.phase = Exchange::Phase::kSending;
+  exchange.status = exchange.response->status();
+  exchange.transmitter.emplace(*socket_, *exchange.response, exchange.configuration->limits,
+                               exchange.sent);
+  didProgress(exchange.transmitter->begin(asksForHeadOnly(exchange.request->head().method())));
+}
+
+void ConnectionEngine::sendFixedAnswer(FixedAnswer answer, const VELError* error) {
+  Exchange& exchange = *exchange_;
+  exchange.phase = Exchange::Phase::kSending;
+  exchange.status = statusOf(answer);
+  if (connectionDebugLog().isOn()) {
+    connectionDebugLog().line(debugTextOf(answer), exchange.request->description(),
+                              error != nullptr ? ", " + error->description() : std::string());
+  }
+  writeFixedAnswer(answer, error, exchange.configuration->limits, socket_.get(), &exchange.sent);
+}
+
+void ConnectionEngine::socketDidWriteDataWithTag(VELSocket& /*socket*/, int64_t tag) {
+  if (!exchange_ || exchange_->phase != Exchange::Phase::kSending) return;
+  if (tag == kLastTag) {
+    finishAnswer();
+  } else if (tag == kLastAndCloseTag) {
+    finishAnswerAndClose();
+  } else if (exchange_->transmitter) {
+    didProgress(exchange_->transmitter->didWrite(tag));
+  }
+}
+
+void ConnectionEngine::didProgress(Transmitter::Progress progress) {
+  if (progress == Transmitter::Progress::kFinished) finishAnswer();
+}
+
+void ConnectionEngine::finishAnswer() {
+  tellResponseThatItIsDone();
+  if (exchange_->report) reportFinished(server_.lock(), *exchange_);
+  if (shouldDie()) {
+    // The file of a body stays behind: only the next request of a connection removes it.
+    exchange_.reset();
+    socket_->disconnectAfterWriting();
+    return;
+  }
+  if (exchange_->body) exchange_->body->store().discard();
+  exchange_.reset();
+  startReadingRequest();
+}
+
+void ConnectionEngine::finishAnswerAndClose() {
+  tellResponseThatItIsDone();
+  if (exchange_->report) reportFinished(server_.lock(), *exchange_);
+  exchange_.reset();
+  socket_->disconnectAfterWriting();
+}
+
+// Once: also when it throws.
+void ConnectionEngine::tellResponseThatItIsDone() {
+  const std::shared_ptr<VELResponse> response = std::move(exchange_->response);
+  if (response) response->connectionDidClose();
+}
+
+bool ConnectionEngine::shouldDie() {
+  const MessageHead& head = std::as_const(*exchange_->request).head();
+  if (closes_after_answer_ || !keepsAlive(head.version(), head.field(KnownField::kConnection))) {
+    return true;
+  }
+  startKeepAliveTimer(exchange_->configuration->keep_alive_interval);
+  return false;
+}
+
+}  // namespace vel

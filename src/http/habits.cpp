@@ -1,0 +1,68 @@
+#include "http/habits.h"
+
+#include <algorithm>
+
+#include "corvane/http_message.h"
+#include "platform/ascii.h"
+#include "platform/number.h"
+#include "platform/utf8.h"
+
+namespace vel {
+
+namespace {
+
+bool contains(const VELMethodList& methods, std::string_view method) noexcept {
+  return methods != nullptr &&
+         std::find(methods->begin(), methods->end(), method) != methods->end();
+}
+
+}  // namespace
+
+bool admitsLines(uint64_t lines, const VELLimits& limits) noexcept {
+  return lines <= limits.headLines;
+}
+
+bool isChunkedCoding(std::optional<std::string_view> transferEncoding) noexcept {
+  return transferEncoding && equalsIgnoringCase(*transferEncoding, "chunked");
+}
+
+std::optional<uint64_t> admittedContentLength(std::string_view field) noexcept {
+  return parseNumber(field, NumberGrammar::kContentLength);
+}
+
+std::optional<uint64_t> admittedChunkSize(std::string_view line) noexcept {
+  if (!isValidUTF8(line)) return std::nullopt;
+  return parseNumber(line, NumberGrammar::kChunkSize);
+}
+
+bool endsTrailer(std::string_view line) noexcept { return line.size() < 3; }
+
+bool speaksVersion(std::string_view version) noexcept {
+  return version == VELHTTPVersion1_1 || version == VELHTTPVersion1_0;
+}
+
+bool keepsAlive(std::string_view version, std::optional<std::string_view> connection) noexcept {
+  if (version == VELHTTPVersion1_1) {
+    return !connection || !equalsIgnoringCase(*connection, "close");
+  }
+  if (version == VELHTTPVersion1_0) {
+    return connection && equalsIgnoringCase(*connection, "keep-alive");
+  }
+  return true;
+}
+
+bool answersWithoutRoute(std::string_view method, const VELMethodList& allowedMethods) noexcept {
+  return (method == "OPTIONS" || method == "TRACE") && !contains(allowedMethods, method);
+}
+
+bool allowsMethod(std::string_view method, const VELMethodList& allowedMethods) noexcept {
+  return allowedMethods == nullptr || contains(allowedMethods, method);
+}
+
+bool asksForHeadOnly(std::string_view method) noexcept { return method == "HEAD"; }
+
+std::string_view chunkedCodingName() noexcept { return "Chunked"; }
+
+uint64_t serverErrorContentLength(uint64_t /*bodyLength*/) noexcept { return 0; }
+
+}  // namespace vel

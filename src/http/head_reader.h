@@ -1,0 +1,46 @@
+// HeadReader: counts the lines of a request's head and says how its body is framed. The grammar of the
+// lines belongs to MessageHead, reading them to the connection.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "corvane/limits.h"
+#include "http/message_head.h"
+
+namespace vel {
+
+enum class HeadStep : uint8_t {
+  kReadLine,   ///< the head goes on
+  kComplete,   ///< the empty line has come
+  kMalformed,  ///< no request head has such a line
+  kTooLong,    ///< there are too many lines
+};
+
+/// Takes the lines of one head.
+class HeadReader {
+ public:
+  HeadStep didRead(std::string_view line, MessageHead* head, const VELLimits& limits);
+
+  /// The lines before the one that ended the head.
+  uint64_t lines() const noexcept { return lines_; }
+
+ private:
+  uint64_t lines_ = 0;
+};
+
+/// How the body that follows a head is framed (RFC 9112 §6).
+struct BodyFraming {
+  enum class Kind : uint8_t {
+    kNone,
+    kLength,
+    kChunked,
+    kBadLength,  ///< "Content-Length" is no number
+  };
+  Kind kind = Kind::kNone;
+  uint64_t length = 0;
+};
+
+BodyFraming framingOf(const MessageHead& head) noexcept;
+
+}  // namespace vel

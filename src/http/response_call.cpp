@@ -1,0 +1,26 @@
+#include "http/response_call.h"
+
+#include <utility>
+
+#include "http/connection_engine.h"
+#include "platform/log.h"
+
+namespace vel {
+
+ResponseCall::~ResponseCall() {
+  if (is_answered_.load(std::memory_order_relaxed)) return;
+  // Once the connection has gone there is nobody left who waits.
+  if (connection_.expired()) return;
+  logLine("A response handler was destroyed without having been called");
+}
+
+void ResponseCall::answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) {
+  if (is_answered_.exchange(true, std::memory_order_acq_rel)) {
+    logLine("A response handler was called more than once; the later call is ignored");
+    return;
+  }
+  const std::shared_ptr<ConnectionEngine> connection = connection_.lock();
+  if (connection) connection->takeAnswer(std::move(response), std::move(error));
+}
+
+}  // namespace vel

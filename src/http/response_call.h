@@ -1,0 +1,29 @@
+// ResponseCall: what stands behind the response handler that a connection gives to a route.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+
+#include "corvane/response_handler.h"
+
+namespace vel {
+
+class ConnectionEngine;
+
+/// Takes one answer to its connection, from whatever thread it comes. Further answers are ignored and
+/// logged; so is, at the end, that none came. An answer to a connection that has ended is dropped.
+class ResponseCall final : public ResponseSink {
+ public:
+  explicit ResponseCall(std::weak_ptr<ConnectionEngine> connection) noexcept
+      : connection_(std::move(connection)) {}
+  ~ResponseCall() override;
+
+  void answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) override;
+
+ private:
+  const std::weak_ptr<ConnectionEngine> connection_;
+  std::atomic<bool> is_answered_{false};
+};
+
+}  // namespace vel

@@ -1,0 +1,33 @@
+// The numbers that a connection's reads and writes carry; a completion brings its number back and so
+// says what comes next.
+#pragma once
+
+#include <cstdint>
+
+namespace vel {
+
+// Reads.
+inline constexpr int64_t kHeadLineTag = 10;
+inline constexpr int64_t kBodyPieceTag = 11;
+inline constexpr int64_t kChunkSizeLineTag = 12;
+inline constexpr int64_t kChunkDataTag = 13;
+inline constexpr int64_t kChunkEndTag = 14;
+inline constexpr int64_t kTrailerLineTag = 15;
+
+// Writes.
+/// The head of an answer with a body. Nothing follows from its completion.
+inline constexpr int64_t kHeadTag = 21;
+/// A plain piece that is not the last: the next one follows.
+inline constexpr int64_t kPlainPieceTag = 22;
+/// A chunk-size line. Nothing follows.
+inline constexpr int64_t kSizeLineTag = 30;
+/// The data of a chunk. Nothing follows.
+inline constexpr int64_t kChunkTag = 31;
+/// The CR LF of a chunk that is not the last: the next one follows.
+inline constexpr int64_t kChunkCloseTag = 32;
+/// The last write of an answer: what comes next is decided.
+inline constexpr int64_t kLastTag = 90;
+/// The last write of an answer after which the connection closes.
+inline constexpr int64_t kLastAndCloseTag = 91;
+
+}  // namespace vel

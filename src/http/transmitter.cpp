@@ -1,0 +1,133 @@
+#include "http/transmitter.h"
+
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "http/habits.h"
+#include "http/tags.h"
+#include "platform/http_date.h"
+
+namespace vel {
+
+namespace {
+
+// A slow reader is never cut off in the middle of a body.
+constexpr std::chrono::milliseconds kNoTimeout{-1};
+
+}  // namespace
+
+void completeHead(const std::vector<VELHeaderField>& fields, ResponseHeadBuilder* head) {
+  head->setOwnField("Date", httpDateNow());
+  head->setOwnField("Accept-Ranges", "bytes");
+  head->setFields(fields);
+}
+
+void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& limits,
+               VELSocket* socket, SentBytes* sent) {
+  const size_t size = head.size();
+  sent->all += size;
+  std::array<char, 1024> buffer;
+  if (size <= buffer.size()) {
+    head.writeTo(buffer.data());
+    socket->writeData(VELData::dataWithBorrowedBytes(buffer.data(), size), limits.headWriteTimeout,
+                      tag);
+  } else {
+    socket->writeData(head.data(), limits.headWriteTimeout, tag);
+  }
+}
+
+ChunkSizeLine::ChunkSizeLine(uint64_t length) noexcept {
+  char* end = std::to_chars(text_, text_ + kLongest - 2, length, 16).ptr;
+  *end++ = '\r';
+  *end++ = '\n';
+  length_ = static_cast<size_t>(end - text_);
+}
+
+std::string_view chunkedFooter() noexcept { return "\r\n0\r\n\r\n"; }
+
+Transmitter::Strategy Transmitter::chooseStrategy() const {
+  return response_.isChunked() ? Strategy::kChunked : Strategy::kPlain;
+}
+
+Transmitter::Progress Transmitter::begin(bool headOnly) {
+  strategy_ = chooseStrategy();
+  const bool isChunked = strategy_ == Strategy::kChunked;
+  const uint64_t length = isChunked ? 0 : response_.contentLength();
+  ResponseHeadBuilder head(response_.status(), response_.statusDescription());
+  if (isChunked) {
+    head.setOwnField("Transfer-Encoding", chunkedCodingName());
+  } else {
+    head.setContentLength(length);
+  }
+  completeHead(response_.headerFields(), &head);
+  if (headOnly || (length == 0 && !isChunked)) {
+    writeHead(head, kLastTag, limits_, &socket_, &sent_);
+    return Progress::kUnderWay;
+  }
+  writeHead(head, kHeadTag, limits_, &socket_, &sent_);
+  return sendNextPiece();
+}
+
+Transmitter::Progress Transmitter::didWrite(int64_t tag) {
+  switch (tag) {
+    case kPlainPieceTag:
+      in_flight_ = 0;
+      return sendNextPiece();
+    case kChunkTag:
+      in_flight_ = 0;
+      return Progress::kUnderWay;
+    case kChunkCloseTag:
+      return sendNextPiece();
+    default:
+      return Progress::kUnderWay;
+  }
+}
+
+Transmitter::Progress Transmitter::sendNextPiece() {
+  if (in_flight_ >= limits_.bodyPiece) return Progress::kUnderWay;
+  VELData piece = response_.readDataOfLength(limits_.bodyPiece - in_flight_);
+  if (piece.isEmpty()) return bodyRanDry();
+  in_flight_ += piece.length();
+  if (strategy_ == Strategy::kChunked) {
+    sendChunk(std::move(piece));
+  } else {
+    sendPlainPiece(std::move(piece));
+  }
+  return Progress::kUnderWay;
+}
+
+// A read without data ends the answer, whatever was announced: a plain body stays short, and a body in
+// chunks is left without its footer. The client is told only by the end of the connection, if it ends.
+Transmitter::Progress Transmitter::bodyRanDry() const { return Progress::kFinished; }
+
+void Transmitter::sendPlainPiece(VELData piece) {
+  writeBody(std::move(piece), response_.isFinished() ? kLastTag : kPlainPieceTag);
+}
+
+void Transmitter::sendChunk(VELData piece) {
+  const ChunkSizeLine sizeLine(piece.length());
+  writeControl(VELData::dataWithBorrowedBytes(sizeLine.view().data(), sizeLine.view().size()),
+               kSizeLineTag);
+  writeBody(std::move(piece), kChunkTag);
+  if (response_.isFinished()) {
+    writeControl(VELData::dataWithStaticBytes(chunkedFooter()), kLastTag);
+  } else {
+    writeControl(VELSocket::CRLFData(), kChunkCloseTag);
+  }
+}
+
+void Transmitter::writeControl(VELData data, int64_t tag) {
+  sent_.all += data.length();
+  socket_.writeData(std::move(data), limits_.headWriteTimeout, tag);
+}
+
+void Transmitter::writeBody(VELData piece, int64_t tag) {
+  sent_.all += piece.length();
+  sent_.body += piece.length();
+  socket_.writeData(std::move(piece), kNoTimeout, tag);
+}
+
+}  // namespace vel

@@ -1,0 +1,48 @@
+#include "platform/clock.h"
+
+#include <ctime>
+
+#include <atomic>
+
+namespace vel {
+namespace {
+
+std::atomic<MonotonicTime> g_advance{0};
+
+MonotonicTime read(clockid_t clock) noexcept {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return static_cast<MonotonicTime>(time.tv_sec) * 1'000'000'000 + time.tv_nsec +
+         g_advance.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+MonotonicTime coarseNow() noexcept {
+#ifdef CLOCK_MONOTONIC_COARSE
+  return read(CLOCK_MONOTONIC_COARSE);
+#else
+  return read(CLOCK_MONOTONIC);
+#endif
+}
+
+MonotonicTime coarseClockStep() noexcept {
+  static const MonotonicTime step = [] {
+    timespec resolution{};
+#ifdef CLOCK_MONOTONIC_COARSE
+    clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
+#else
+    clock_getres(CLOCK_MONOTONIC, &resolution);
+#endif
+    return static_cast<MonotonicTime>(resolution.tv_sec) * 1'000'000'000 + resolution.tv_nsec;
+  }();
+  return step;
+}
+
+MonotonicTime preciseNow() noexcept { return read(CLOCK_MONOTONIC); }
+
+void advanceClock(std::chrono::nanoseconds step) noexcept {
+  g_advance.fetch_add(step.count(), std::memory_order_relaxed);
+}
+
+}  // namespace vel

@@ -1,0 +1,25 @@
+// Monotonic time in nanoseconds, as deadlines use it. A test may push it forward.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace vel {
+
+/// Nanoseconds of a clock that never goes back; zero is arbitrary.
+using MonotonicTime = int64_t;
+
+inline constexpr MonotonicTime kNever = INT64_MAX;
+
+/// Cheap, some milliseconds coarse, never ahead of the precise clock.
+MonotonicTime coarseNow() noexcept;
+/// How far `coarseNow` may lag.
+MonotonicTime coarseClockStep() noexcept;
+/// Precise.
+MonotonicTime preciseNow() noexcept;
+
+/// Pushes both clocks forward for the rest of the process. For tests: the loops must be woken by other
+/// work to notice.
+void advanceClock(std::chrono::nanoseconds step) noexcept;
+
+}  // namespace vel

@@ -1,0 +1,114 @@
+#include "platform/outgoing.h"
+
+#include <algorithm>
+
+namespace vel {
+namespace {
+
+// Starts a time-out unless it runs already.
+MonotonicTime started(MonotonicTime due, std::chrono::milliseconds timeout, MonotonicTime now) {
+  if (due != kNever || timeout.count() < 0) return due;
+  return now + coarseClockStep() + std::chrono::nanoseconds(timeout).count();
+}
+
+}  // namespace
+
+void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
+  const size_t length = data.length();
+  unsent_ += length;
+  const bool in_line = first_item_ < items_.size();
+  if (in_line || length > kSmall || gathered() + length > kGather) {
+    items_.push_back({std::move(data), timeout, kNever, tag});
+    if (length == 0) didSend(0);
+    return;
+  }
+  gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
+  if (timeout.count() >= 0) marks_.push_back({gather_base_ + gather_.size(), timeout, kNever});
+  done_.push_back(tag);
+}
+
+int Outgoing::vectors(iovec* vectors, int most) const noexcept {
+  int count = 0;
+  if (gathered() > 0) {
+    vectors[count].iov_base = const_cast<uint8_t*>(gather_.data() + gather_sent_);
+    vectors[count++].iov_len = gathered();
+  }
+  size_t sent = item_sent_;
+  for (size_t i = first_item_; i < items_.size() && count < most; ++i, sent = 0) {
+    vectors[count].iov_base = const_cast<uint8_t*>(items_[i].data.bytes() + sent);
+    vectors[count++].iov_len = items_[i].data.length() - sent;
+  }
+  return count;
+}
+
+void Outgoing::didSend(size_t length) {
+  unsent_ -= length;
+  const size_t from_gather = std::min(length, gathered());
+  gather_sent_ += from_gather;
+  length -= from_gather;
+  if (gather_sent_ == gather_.size()) {
+    gather_base_ += gather_.size();
+    gather_.clear();
+    gather_sent_ = 0;
+    marks_.clear();
+  }
+  if (gathered() > 0) return;
+  while (first_item_ < items_.size()) {
+    Item& item = items_[first_item_];
+    const size_t rest = item.data.length() - item_sent_;
+    if (length < rest) {
+      item_sent_ += length;
+      return;
+    }
+    length -= rest;
+    item_sent_ = 0;
+    done_.push_back(item.tag);
+    item.data = VELData();
+    ++first_item_;
+  }
+  items_.clear();
+  first_item_ = 0;
+}
+
+MonotonicTime Outgoing::earliestDue(MonotonicTime now) {
+  MonotonicTime earliest = kNever;
+  const uint64_t sent = gather_base_ + gather_sent_;
+  std::erase_if(marks_, [sent](const Mark& mark) { return mark.end <= sent; });
+  for (Mark& mark : marks_) {
+    mark.due = started(mark.due, mark.timeout, now);
+    earliest = std::min(earliest, mark.due);
+  }
+  for (size_t i = first_item_; i < items_.size(); ++i) {
+    items_[i].due = started(items_[i].due, items_[i].timeout, now);
+    earliest = std::min(earliest, items_[i].due);
+  }
+  return earliest;
+}
+
+void Outgoing::clear() noexcept {
+  gather_.clear();
+  gather_sent_ = 0;
+  gather_base_ = 0;
+  marks_.clear();
+  items_.clear();
+  first_item_ = 0;
+  item_sent_ = 0;
+  done_.clear();
+  told_ = 0;
+  unsent_ = 0;
+}
+
+void Outgoing::shrink() {
+  if (gather_sent_ > 0) {
+    gather_.erase(gather_.begin(), gather_.begin() + static_cast<ptrdiff_t>(gather_sent_));
+    gather_base_ += gather_sent_;
+    gather_sent_ = 0;
+  }
+  if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrink_to_fit();
+  if (told_ == done_.size()) {
+    done_.clear();
+    told_ = 0;
+  }
+}
+
+}  // namespace vel

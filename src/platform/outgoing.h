@@ -1,0 +1,85 @@
+// Outgoing: the bytes that a socket has been given to write and the system has not taken yet.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "corvane/data.h"
+#include "platform/clock.h"
+
+namespace vel {
+
+/// Small writes are copied into one buffer and count as written at once; larger ones, and all that comes
+/// after them, wait in a line by reference. What counts as written keeps its time-out until the system has
+/// taken it. No I/O here.
+class Outgoing {
+ public:
+  /// A write up to this size is copied.
+  static constexpr size_t kSmall = 16 * 1024;
+  /// The most that the buffer takes.
+  static constexpr size_t kGather = 64 * 1024;
+  static constexpr int kMostVectors = 16;
+
+  Outgoing() = default;
+  Outgoing(const Outgoing&) = delete;
+  Outgoing& operator=(const Outgoing&) = delete;
+
+  /// Takes a write. Shape: a negative time-out means none.
+  void append(VELData data, std::chrono::milliseconds timeout, int64_t tag);
+
+  /// Nothing is left to send.
+  bool isSent() const noexcept { return unsent_ == 0; }
+  /// Nothing is left to send or to tell.
+  bool isEmpty() const noexcept { return unsent_ == 0 && told_ == done_.size(); }
+  size_t unsent() const noexcept { return unsent_; }
+
+  /// The first bytes to send. Returns the number of vectors used.
+  int vectors(iovec* vectors, int most) const noexcept;
+  /// The system took `length` bytes.
+  void didSend(size_t length);
+
+  bool hasDone() const noexcept { return told_ < done_.size(); }
+  /// The tag of the next write that counts as written.
+  int64_t takeDone() noexcept { return done_[told_++]; }
+
+  /// Starts the time-outs of what is left at `now`, unless they run already, and tells the earliest.
+  MonotonicTime earliestDue(MonotonicTime now);
+
+  /// Makes it new, keeping what memory is worth keeping.
+  void clear() noexcept;
+  /// Gives back memory that the rest does not need, before it waits for long.
+  void shrink();
+
+ private:
+  struct Item {
+    VELData data;
+    std::chrono::milliseconds timeout;
+    MonotonicTime due;
+    int64_t tag;
+  };
+  // The time-out of what lies in the buffer up to `end`, counted from the first byte ever gathered.
+  struct Mark {
+    uint64_t end;
+    std::chrono::milliseconds timeout;
+    MonotonicTime due;
+  };
+
+  size_t gathered() const noexcept { return gather_.size() - gather_sent_; }
+
+  std::vector<uint8_t> gather_;
+  size_t gather_sent_ = 0;
+  uint64_t gather_base_ = 0;  // bytes that left the buffer before its present content
+  std::vector<Mark> marks_;
+  std::vector<Item> items_;
+  size_t first_item_ = 0;
+  size_t item_sent_ = 0;
+  std::vector<int64_t> done_;
+  size_t told_ = 0;
+  size_t unsent_ = 0;
+};
+
+}  // namespace vel

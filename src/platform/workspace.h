@@ -1,0 +1,58 @@
+// Workspace: the buffers of one thread that drives loops. A connection that waits owns none of them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/outgoing.h"
+
+namespace vel {
+
+class Workspace {
+ public:
+  /// What one receive may bring.
+  static constexpr size_t kReceive = 16 * 1024;
+
+  /// Received bytes, or decrypted ones.
+  std::vector<uint8_t>& input() {
+    if (input_.empty()) input_.resize(kReceive);
+    return input_;
+  }
+  /// Received bytes that are to be decrypted.
+  std::vector<uint8_t>& ciphertext() {
+    if (ciphertext_.empty()) ciphertext_.resize(kReceive + 1024);
+    return ciphertext_;
+  }
+
+  std::unique_ptr<Outgoing> takeOutgoing() {
+    return spare_outgoing_ ? std::move(spare_outgoing_) : std::make_unique<Outgoing>();
+  }
+  void giveBack(std::unique_ptr<Outgoing> outgoing) noexcept {
+    outgoing->clear();
+    if (!spare_outgoing_) spare_outgoing_ = std::move(outgoing);
+  }
+
+  /// A piece of a body is gathered here when it comes in many receives.
+  std::unique_ptr<uint8_t[]> takePiece(size_t length) {
+    if (length <= piece_length_) {
+      piece_length_ = 0;
+      return std::move(piece_);
+    }
+    return std::unique_ptr<uint8_t[]>(new uint8_t[length]);
+  }
+  void giveBack(std::unique_ptr<uint8_t[]> piece, size_t length) noexcept {
+    if (length < piece_length_) return;
+    piece_ = std::move(piece);
+    piece_length_ = length;
+  }
+
+ private:
+  std::vector<uint8_t> input_;
+  std::vector<uint8_t> ciphertext_;
+  std::unique_ptr<Outgoing> spare_outgoing_;
+  std::unique_ptr<uint8_t[]> piece_;
+  size_t piece_length_ = 0;
+};
+
+}  // namespace vel

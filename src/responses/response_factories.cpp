@@ -1,0 +1,74 @@
+// The class operations of VELResponse, which make the kinds that have a body.
+#include <array>
+#include <charconv>
+
+#include "corvane/response.h"
+#include "corvane/responses.h"
+#include "platform/file.h"
+#include "platform/media_types.h"
+#include "responses/content_types.h"
+#include "responses/text_encoding.h"
+
+namespace {
+
+std::string decimalText(uint64_t number) {
+  std::array<char, 20> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+  return {digits.data(), end};
+}
+
+/// What the system says about the file, else what the table says about its name, else nothing: an
+/// unknown file is not announced as application/octet-stream.
+std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists) {
+  const std::string extension = fileURL.pathExtension();
+  std::optional<std::string_view> type;
+  if (exists) type = vel::MediaTypes::system().typeForExtension(extension);
+  if (!type) type = vel::contentTypeForFileExtension(extension);
+  if (!type) return std::nullopt;
+  return std::string(*type);
+}
+
+}  // namespace
+
+std::shared_ptr<VELResponse> VELResponse::responseWithData(VELData data, uint64_t status,
+                                                           std::optional<std::string> contentType) {
+  auto response = std::make_shared<VELDataResponse>();
+  const uint64_t length = data.length();
+  response->setData(std::move(data));
+  response->setStatus(status);
+  response->setContentLength(length);
+  response->setValueForHeader(decimalText(length), "Content-Length");
+  if (contentType) response->setContentType(std::move(contentType));
+  return response;
+}
+
+std::shared_ptr<VELResponse> VELResponse::responseWithString(
+    std::string_view string, unsigned encoding, uint64_t status,
+    std::optional<std::string> contentType) {
+  std::optional<std::string> bytes = vel::encodedText(string, encoding);
+  return responseWithData(bytes ? VELData(std::move(*bytes)) : VELData(), status,
+                          std::move(contentType));
+}
+
+std::shared_ptr<VELResponse> VELResponse::responseWithFileURL(
+    const VELURL& fileURL, uint64_t status, std::optional<std::string> contentType) {
+  auto response = std::make_shared<VELFileResponse>();
+  response->setFileURL(fileURL);
+  response->setStatus(status);
+  const std::optional<uint64_t> size = vel::fileSize(fileURL.filePath());
+  if (size) response->setContentLength(*size);
+  if (!contentType) contentType = contentTypeOfFile(fileURL, size.has_value());
+  if (contentType) response->setContentType(std::move(contentType));
+  return response;
+}
+
+std::shared_ptr<VELResponse> VELResponse::responseWithStream(
+    std::shared_ptr<VELInputStream> stream, uint64_t contentLength, uint64_t status,
+    std::optional<std::string> contentType) {
+  auto response = std::make_shared<VELStreamResponse>();
+  response->setStream(std::move(stream));
+  response->setStatus(status);
+  response->setContentLength(contentLength);
+  if (contentType) response->setContentType(std::move(contentType));
+  return response;
+}

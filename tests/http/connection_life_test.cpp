@@ -1,0 +1,218 @@
+// The life of a connection: start, keep-alive, idle time, the ways in which it ends, what hosts see.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "corvane/error.h"
+#include "corvane/http_connection.h"
+#include "corvane/responses.h"
+#include "http/connection_engine.h"
+#include "platform/clock.h"
+#include "support/fake_connection.h"
+
+namespace vel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kGet[] = "GET / HTTP/1.1\r\n\r\n";
+
+TEST(HTTPConnection, IsNotMadeWithoutASocket) {
+  try {
+    const VELHTTPConnection connection;
+    FAIL();
+  } catch (const VELException& exception) {
+    EXPECT_EQ(exception.name(), VELInvalidArgumentException);
+    EXPECT_EQ(exception.reason(), "Connections should not be initialized directly");
+  }
+}
+
+TEST(HTTPConnection, FormatsChunksAndDates) {
+  EXPECT_EQ(VELHTTPConnection::chunkedTransferSizeLineForLength(0).view(), "0\r\n");
+  EXPECT_EQ(VELHTTPConnection::chunkedTransferSizeLineForLength(26).view(), "1a\r\n");
+  EXPECT_EQ(VELHTTPConnection::chunkedTransferSizeLineForLength(UINT64_MAX).view(),
+            "ffffffffffffffff\r\n");
+  EXPECT_EQ(VELHTTPConnection::chunkedTransferFooter().view(), "\r\n0\r\n\r\n");
+  EXPECT_EQ(VELHTTPConnection::dateAsString(std::chrono::system_clock::from_time_t(784'111'777)),
+            "Sun, 06 Nov 1994 08:49:37 GMT");
+}
+
+TEST(HTTPConnection, StaysSmallWhileItIsIdle) {
+  EXPECT_LE(sizeof(VELHTTPConnection) + sizeof(ConnectionEngine), 240U);
+}
+
+TEST(HTTPConnection, IsSecuredWhenThereAreCertificates) {
+  FakeConnection plain(answeringWith("x"));
+  EXPECT_FALSE(plain.connection()->isSecure());
+  auto configuration = configurationWith({routeFor("/", answeringWith("x"))});
+  configuration->setSSLCertificates({nullptr});
+  FakeConnection secured(configuration);
+  ASSERT_TRUE(secured.socket().TLSSettings());
+  EXPECT_TRUE(secured.socket().TLSSettings()->isServer);
+  EXPECT_EQ(secured.socket().TLSSettings()->certificates.size(), 1U);
+  EXPECT_TRUE(secured.connection()->isSecure());
+  EXPECT_TRUE(secured.isReadingHead());
+}
+
+TEST(HTTPConnection, DecidesByTheRequestWhetherItStaysOpen) {
+  struct Case {
+    std::string version;
+    std::string field;
+    bool stays;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"HTTP/1.1", "", true},
+           {"HTTP/1.1", "Connection: keep-alive\r\n", true},
+           {"HTTP/1.1", "connection: CLOSE\r\n", false},
+           {"HTTP/1.1", "Connection: close, TE\r\n", true},
+           {"HTTP/1.0", "", false},
+           {"HTTP/1.0", "Connection: Keep-Alive\r\n", true},
+           {"HTTP/1.0", "Connection: keep-alive\r\n", true},
+           {"HTTP/1.0", "Connection: upgrade\r\n", false},
+           {"HTTP/1.2", "Connection: close\r\n", true},
+       }) {
+    FakeConnection fake(answeringWith("x"));
+    EXPECT_NE(fake.answerTo("GET / " + c.version + "\r\n" + c.field + "\r\n"), "");
+    EXPECT_EQ(fake.isReadingHead(), c.stays) << c.version << ' ' << c.field;
+    EXPECT_EQ(fake.socket().wasDisconnectedAfterWriting(), !c.stays) << c.version << ' ' << c.field;
+  }
+}
+
+TEST(HTTPConnection, AnswersPipelinedRequestsInOrder) {
+  int count = 0;
+  FakeConnection fake([&count](const auto&, VELResponseHandler respond) {
+    respond(VELResponse::responseWithData(VELData(std::to_string(++count)), 200));
+  });
+  std::string requests;
+  std::string expected;
+  for (int i = 1; i <= 300; ++i) {
+    requests += kGet;
+    const std::string body = std::to_string(i);
+    expected += "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) +
+                "\r\nAccept-Ranges: bytes\r\n\r\n" + body;
+  }
+  EXPECT_EQ(fake.answerTo(requests), expected);
+}
+
+TEST(KeepAlive, ClosesWhatHasBeenIdleSinceItsAnswer) {
+  const auto loops = std::make_shared<VELEventLoops>(1);
+  const auto configuration = configurationWith({routeFor("/", answeringWith("x"))});
+  const auto untimed = configuration->copy();
+  untimed->setKeepAliveInterval(0);
+  FakeConnection idle(configuration, loops);
+  FakeConnection fresh(configuration, loops);
+  FakeConnection reading(configuration, loops);
+  FakeConnection unsent(configuration, loops);
+  FakeConnection forever(untimed, loops);
+  for (FakeConnection* fake : {&idle, &reading, &unsent, &forever}) fake->answerTo(kGet);
+  reading.answerTo("GET / HTTP/1.1\r\n");
+  unsent.socket().setUnsentLength(1);
+  const auto pass = [&](std::chrono::seconds time) {
+    advanceClock(time);
+    idle.socket().delegateQueue()->async([] {});
+  };
+  pass(std::chrono::seconds(16));
+  ASSERT_TRUE(idle.socket().waitUntilClosed());
+  // All of them live on one loop, so their time has come as well.
+  for (FakeConnection* fake : {&fresh, &reading, &unsent, &forever}) {
+    fake->socket().settle();
+    EXPECT_FALSE(fake->socket().wasDisconnected());
+  }
+  EXPECT_NE(reading.answerTo("\r\n"), "");
+  unsent.socket().setUnsentLength(0);
+  pass(std::chrono::seconds(16));
+  EXPECT_TRUE(unsent.socket().waitUntilClosed());
+}
+
+TEST(HTTPConnection, LeavesItsServerOnceWhenTheSocketCloses) {
+  FakeConnection fake(answeringWith("x"));
+  std::vector<bool> removals;
+  const VELObservation observation =
+      fake.server().observe("connections", [&](const VELChange& change) {
+        if (change.kind == VELChange::Kind::kRemoval) removals.push_back(change.isPrior);
+      });
+  EXPECT_NE(fake.connection()->socket(), nullptr);
+  EXPECT_EQ(fake.connection()->peerAddress().host, "192.0.2.7");
+  fake.socket().breakOff();
+  EXPECT_THAT(removals, ElementsAre(true, false));
+  EXPECT_EQ(fake.connection()->socket(), nullptr);
+  EXPECT_EQ(fake.connection()->peerAddress().host, "");
+}
+
+TEST(HTTPConnection, TellsOfItsEndAfterItsServerHasForgottenIt) {
+  auto fake = std::make_unique<FakeConnection>(answeringWith("x"));
+  fake->socket().holdWrites(true);
+  fake->answerTo(kGet);
+  int removals = 0;
+  const VELObservation observation = fake->server().observe(
+      "connections", [&](const VELChange& change) { removals += change.isPrior ? 0 : 1; });
+  fake->server().kill();
+  EXPECT_EQ(fake->server().numberOfConnections(), 0U);
+  fake->socket().settle();
+  EXPECT_TRUE(fake->socket().wasDisconnectedAfterWriting());
+  EXPECT_EQ(removals, 0) << "the answer has not left yet";
+  fake->socket().holdWrites(false);
+  fake->socket().settle();
+  EXPECT_EQ(removals, 1);
+}
+
+TEST(HTTPConnection, ClosesAtOnceWhenIdleAndElseAfterTheAnswer) {
+  FakeConnection idle(answeringWith("x"));
+  idle.connection()->closeWhenIdle();
+  idle.socket().settle();
+  EXPECT_TRUE(idle.socket().wasDisconnectedAfterWriting());
+
+  std::optional<VELResponseHandler> held;
+  FakeConnection busy([&](const auto&, VELResponseHandler respond) { held = std::move(respond); });
+  busy.answerTo(std::string(kGet) + kGet);
+  busy.connection()->closeWhenIdle();
+  busy.socket().settle();
+  EXPECT_FALSE(busy.socket().wasDisconnected());
+  (*held)(std::make_shared<VELForbiddenResponse>());
+  EXPECT_NE(busy.answerTo(""), "");
+  EXPECT_TRUE(busy.socket().wasDisconnectedAfterWriting());
+  EXPECT_EQ(busy.socket().unread(), kGet) << "the next request is not begun";
+}
+
+TEST(HTTPConnection, WorksOnTheConfigurationOfTheMomentWhenItWasAccepted) {
+  auto configuration = configurationWith({routeFor("/", answeringWith("old"))});
+  configuration->setValueForVariable(std::string("v"), "name");
+  FakeConnection fake(configuration);
+  configuration->setRoutes({});
+  EXPECT_THAT(fake.answerTo(kGet), testing::EndsWith("old"));
+  const auto own = fake.connection()->configuration();
+  EXPECT_EQ(own, fake.connection()->configuration());
+  EXPECT_EQ(own->routes().size(), 1U);
+  EXPECT_EQ(std::any_cast<std::string>(own->valueForVariable("name")), "v");
+  own->setRoutes({routeFor("/", answeringWith("edited"))});
+  EXPECT_THAT(fake.answerTo(kGet), testing::EndsWith("edited"));
+  fake.connection()->setConfiguration(configurationWith({routeFor("/", answeringWith("set"))}));
+  EXPECT_THAT(fake.answerTo(kGet), testing::EndsWith("set"));
+}
+
+struct OwnConfiguration : VELConfiguration {
+  std::shared_ptr<VELConfiguration> copy() const override {
+    auto made = std::make_shared<OwnConfiguration>();
+    made->setRoutes(routes());
+    return made;
+  }
+};
+
+TEST(HTTPConnection, CopiesAConfigurationOfAHostsOwnClass) {
+  const auto configuration = std::make_shared<OwnConfiguration>();
+  configuration->setRoutes({routeFor("/", answeringWith("own"))});
+  FakeConnection fake(configuration);
+  EXPECT_THAT(fake.answerTo(kGet), testing::EndsWith("own"));
+  EXPECT_NE(std::dynamic_pointer_cast<OwnConfiguration>(fake.connection()->configuration()),
+            nullptr);
+  EXPECT_NE(fake.connection()->configuration(), configuration);
+}
+
+}  // namespace
+}  // namespace vel::test

@@ -1,0 +1,135 @@
+#include "http/route_index.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vel {
+namespace {
+
+using Routes = RouteIndex::Routes;
+
+std::shared_ptr<VELRoute> patternRoute(std::string_view pattern, bool ignoresCase = false) {
+  return std::make_shared<VELRoute>(VELRegularExpression::regularExpressionWithPattern(
+      pattern, ignoresCase ? VELRegularExpressionOptions::kCaseInsensitive
+                           : VELRegularExpressionOptions::kNone));
+}
+
+std::shared_ptr<VELRoute> pathRoute(std::string_view path, bool ignoresCase = false) {
+  return std::make_shared<VELRoute>(path, ignoresCase);
+}
+
+// What the index has to agree with: every expression in order.
+std::optional<RouteMatch> firstByTryingAll(const Routes& routes, std::string_view path) {
+  for (const auto& route : routes) {
+    auto result = route->regularExpression()->firstMatchInString(path);
+    if (result) return RouteMatch{route.get(), *result};
+  }
+  return std::nullopt;
+}
+
+void expectSame(const Routes& routes, const RouteIndex& index, std::string_view path) {
+  const auto expected = firstByTryingAll(routes, path);
+  const auto found = index.firstMatch(routes, path);
+  ASSERT_EQ(found.has_value(), expected.has_value()) << path;
+  if (!found) return;
+  EXPECT_EQ(found->route, expected->route) << path;
+  EXPECT_EQ(found->result.range(), expected->result.range()) << path;
+  EXPECT_EQ(found->result.numberOfRanges(), expected->result.numberOfRanges()) << path;
+}
+
+TEST(RouteIndex, FindsWhatTryingAllRoutesInOrderFinds) {
+  const Routes routes{
+      pathRoute("/files/private"),
+      patternRoute("^/users/([0-9]+)$"),
+      pathRoute("/users"),
+      pathRoute("/Docs", true),
+      pathRoute("/docs/api"),
+      patternRoute("archive"),
+      pathRoute("/files"),
+      pathRoute("/files/public"),
+      pathRoute("/\xC3\xA9t\xC3\xA9"),
+      pathRoute("/K", true),
+      patternRoute("^$"),
+  };
+  const RouteIndex index;
+  for (const std::string_view path : {"/",
+                                      "",
+                                      "/files",
+                                      "/files/",
+                                      "/files/private/x",
+                                      "/files/public",
+                                      "/filesystem",
+                                      "/file",
+                                      "/users",
+                                      "/users/42",
+                                      "/users/42x",
+                                      "/docs",
+                                      "/DOCS/api",
+                                      "/docs/api",
+                                      "/my/archive",
+                                      "/files/archive",
+                                      "/users/archive",
+                                      "/\xC3\xA9t\xC3\xA9/x",
+                                      "/\xC3",
+                                      "/k",
+                                      "/\xE2\x84\xAA",
+                                      "/unknown",
+                                      "*"}) {
+    expectSame(routes, index, path);
+  }
+}
+
+TEST(RouteIndex, AgreesWithTryingAllOnMadeUpRoutes) {
+  std::mt19937 random(2024);
+  const auto text = [&random] {
+    std::string made = "/";
+    for (auto length = random() % 6; length > 0; --length) made += "abAB/"[random() % 5];
+    return made;
+  };
+  for (int round = 0; round < 200; ++round) {
+    Routes routes;
+    for (auto count = random() % 12; count > 0; --count) {
+      const std::string made = text();
+      routes.push_back(random() % 5 == 0 ? patternRoute("^" + made + "$")
+                                         : pathRoute(made, random() % 3 == 0));
+    }
+    const RouteIndex index;
+    for (int i = 0; i < 20; ++i) expectSame(routes, index, text());
+  }
+}
+
+TEST(RouteIndex, NoticesAChangedExpression) {
+  const Routes routes{pathRoute("/old"), pathRoute("/other")};
+  const RouteIndex index;
+  EXPECT_TRUE(index.firstMatch(routes, "/old"));
+  routes[0]->setRegularExpression(VELRegularExpression::regularExpressionWithPattern("^/new"));
+  EXPECT_FALSE(index.firstMatch(routes, "/old"));
+  ASSERT_TRUE(index.firstMatch(routes, "/new"));
+  EXPECT_EQ(index.firstMatch(routes, "/new")->route, routes[0].get());
+}
+
+TEST(RouteIndex, IsMadeOnceForThreadsThatAskTogether) {
+  Routes routes;
+  for (int i = 0; i < 300; ++i) routes.push_back(pathRoute("/route" + std::to_string(i) + "/"));
+  const RouteIndex index;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (size_t i = 0; i < routes.size(); ++i) {
+        const auto found = index.firstMatch(routes, "/route" + std::to_string(i) + "/x");
+        ASSERT_TRUE(found);
+        EXPECT_EQ(found->route, routes[i].get());
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace vel

@@ -1,0 +1,190 @@
+#include "http/transmitter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/tags.h"
+#include "support/fake_connection.h"
+#include "support/fake_socket.h"
+#include "support/scripted_response.h"
+
+namespace vel {
+namespace {
+
+using test::FakeSocket;
+using test::ScriptedResponse;
+using test::SocketCall;
+using test::withoutDates;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+using Progress = Transmitter::Progress;
+
+// Completes the writes one after the other until there are no more.
+Progress completeWrites(Transmitter* transmitter, const FakeSocket& socket) {
+  for (size_t next = 0; next < socket.calls().size(); ++next) {
+    if (transmitter->didWrite(socket.calls()[next].tag) == Progress::kFinished) {
+      return Progress::kFinished;
+    }
+  }
+  return Progress::kUnderWay;
+}
+
+struct Case {
+  const char* what;
+  bool chunked;
+  bool headOnly;
+  bool finishes;
+  std::deque<std::string> pieces;
+  std::vector<int64_t> tags;
+  std::string body;
+  Progress end;
+};
+
+TEST(Transmitter, FramesAndTagsEveryWrite) {
+  for (const Case& c : std::vector<Case>{
+           {"plain, one piece",
+            false,
+            false,
+            true,
+            {"hello"},
+            {21, 90},
+            "hello",
+            Progress::kUnderWay},
+           {"plain, two",
+            false,
+            false,
+            true,
+            {"hello", "you"},
+            {21, 22, 90},
+            "helloyou",
+            Progress::kUnderWay},
+           {"plain, end seen late",
+            false,
+            false,
+            false,
+            {"hello"},
+            {21, 22},
+            "hello",
+            Progress::kFinished},
+           {"plain, nothing comes", false, false, true, {""}, {90}, "", Progress::kUnderWay},
+           {"head only", false, true, true, {"hello"}, {90}, "", Progress::kUnderWay},
+           {"chunked, one piece",
+            true,
+            false,
+            true,
+            {"0123456789"},
+            {21, 30, 31, 90},
+            "a\r\n0123456789\r\n0\r\n\r\n",
+            Progress::kUnderWay},
+           {"chunked, two",
+            true,
+            false,
+            true,
+            {"hello", "you"},
+            {21, 30, 31, 32, 30, 31, 90},
+            "5\r\nhello\r\n3\r\nyou\r\n0\r\n\r\n",
+            Progress::kUnderWay},
+           {"chunked, runs dry",
+            true,
+            false,
+            false,
+            {"hello"},
+            {21, 30, 31, 32},
+            "5\r\nhello\r\n",
+            Progress::kFinished},
+           {"chunked, nothing comes", true, false, false, {}, {21}, "", Progress::kFinished},
+           {"chunked, head only", true, true, true, {"hello"}, {90}, "", Progress::kUnderWay},
+       }) {
+    const auto socket = std::make_shared<FakeSocket>();
+    ScriptedResponse response(c.pieces, c.finishes);
+    response.setChunked(c.chunked);
+    SentBytes sent;
+    const VELLimits limits;
+    Transmitter transmitter(*socket, response, limits, sent);
+    Progress end = transmitter.begin(c.headOnly);
+    if (end == Progress::kUnderWay) end = completeWrites(&transmitter, *socket);
+    EXPECT_EQ(end, c.end) << c.what;
+    EXPECT_EQ(socket->writeTags(), c.tags) << c.what;
+    const std::string& output = socket->output();
+    const size_t body = output.find("\r\n\r\n") + 4;
+    EXPECT_EQ(output.substr(body), c.body) << c.what;
+    EXPECT_EQ(sent.all, output.size()) << c.what;
+    for (const SocketCall& call : socket->calls()) {
+      const bool isBody = call.tag == kChunkTag || call.tag == kPlainPieceTag ||
+                          (call.tag == kLastTag && !c.chunked && call.bytes.find("HTTP/") != 0);
+      EXPECT_EQ(call.timeout.count(), isBody ? -1 : 30'000) << c.what << ' ' << call.tag;
+    }
+  }
+}
+
+TEST(Transmitter, CountsBodyBytesWithoutTheirFraming) {
+  const auto socket = std::make_shared<FakeSocket>();
+  ScriptedResponse response({"hello", "you"});
+  response.setChunked(true);
+  SentBytes sent;
+  const VELLimits limits;
+  Transmitter transmitter(*socket, response, limits, sent);
+  transmitter.begin(false);
+  completeWrites(&transmitter, *socket);
+  EXPECT_EQ(sent.body, 8U);
+}
+
+TEST(Transmitter, ReadsTheNextPieceOnlyWhenTheLastOneIsWritten) {
+  const auto socket = std::make_shared<FakeSocket>();
+  ScriptedResponse response({std::string(524'288, 'a'), "b"});
+  SentBytes sent;
+  const VELLimits limits;
+  Transmitter transmitter(*socket, response, limits, sent);
+  transmitter.begin(false);
+  transmitter.didWrite(kHeadTag);
+  EXPECT_THAT(response.asked_for, ElementsAre(524'288U));
+  transmitter.didWrite(kPlainPieceTag);
+  EXPECT_THAT(response.asked_for, ElementsAre(524'288U, 524'288U));
+}
+
+TEST(Transmitter, MakesHeadsThatTheResponseCanOverride) {
+  const auto head = [](VELResponse& response) {
+    const auto socket = std::make_shared<FakeSocket>();
+    SentBytes sent;
+    const VELLimits limits;
+    Transmitter(*socket, response, limits, sent).begin(true);
+    return socket->output();
+  };
+  ScriptedResponse plain({"hello"});
+  EXPECT_EQ(withoutDates(head(plain)),
+            "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nAccept-Ranges: bytes\r\n\r\n");
+  EXPECT_THAT(head(plain), HasSubstr(" GMT\r\n"));
+  plain.setStatusDescription("Fine");
+  plain.setValueForHeader("7", "content-length");
+  plain.setValueForHeader("none", "Accept-Ranges");
+  plain.setValueForHeader("never", "Date");
+  EXPECT_EQ(head(plain).substr(0, 17), "HTTP/1.1 200 Fine");
+  EXPECT_THAT(head(plain), HasSubstr("ontent-length: 7\r\n"));
+  EXPECT_THAT(head(plain), HasSubstr("Accept-Ranges: none\r\n"));
+  EXPECT_THAT(head(plain), HasSubstr("Date: never\r\n"));
+  EXPECT_THAT(head(plain), Not(HasSubstr("Content-Length: 5")));
+  ScriptedResponse chunked({"hello"});
+  chunked.setChunked(true);
+  EXPECT_EQ(withoutDates(head(chunked)),
+            "HTTP/1.1 200 OK\r\nTransfer-Encoding: Chunked\r\nAccept-Ranges: bytes\r\n\r\n");
+}
+
+TEST(Transmitter, WritesHeadsOfAnySize) {
+  const auto socket = std::make_shared<FakeSocket>();
+  ScriptedResponse response({"hello"});
+  response.setValueForHeader(std::string(5000, 'v'), "X-Long");
+  SentBytes sent;
+  const VELLimits limits;
+  Transmitter(*socket, response, limits, sent).begin(false);
+  EXPECT_THAT(socket->output(), HasSubstr(std::string(5000, 'v') + "\r\n"));
+}
+
+}  // namespace
+}  // namespace vel

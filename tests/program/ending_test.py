@@ -1,0 +1,69 @@
+"""How the program ends, and how it goes on when descriptors run out."""
+
+import signal
+import unittest
+
+from program import Program, read_answer
+
+HALF = b"POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\n01234"
+
+
+class Signals(unittest.TestCase):
+    def begin_request(self, server):
+        """A connection with a request that is half sent and has surely arrived."""
+        connection = server.connect()
+        server.exchange(b"GET / HTTP/1.1\r\n\r\n", connection)
+        connection.sendall(HALF)
+        return connection
+
+    def test_end_an_idle_server(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(signal=number), Program("--text", "/=Hello") as server:
+                with server.connect() as idle:
+                    server.exchange(b"GET / HTTP/1.1\r\n\r\n", idle)
+                    server.signal(number)
+                    self.assertEqual(server.wait(), 0)
+                    self.assertEqual(idle.recv(1), b"")
+
+    def test_let_requests_in_flight_finish(self):
+        with Program("--reflect", "/") as server, self.begin_request(server) as busy:
+            server.signal(signal.SIGTERM)
+            server.wait_until_refused()
+            busy.sendall(b"56789")
+            self.assertEqual(read_answer(busy)[2], b"0123456789")
+            self.assertEqual(busy.recv(1), b"")
+            self.assertEqual(server.wait(), 0)
+
+    def test_do_not_wait_for_ever(self):
+        with Program("--reflect", "/") as server, self.begin_request(server) as stuck:
+            server.signal(signal.SIGINT)
+            self.assertEqual(server.wait(), 0)
+            self.assertEqual(stuck.recv(1), b"")
+
+    def test_kill_when_they_come_twice(self):
+        with Program("--reflect", "/") as server, self.begin_request(server):
+            server.signal(signal.SIGINT)
+            server.wait_until_refused()
+            server.signal(signal.SIGTERM)
+            self.assertEqual(server.wait(), -signal.SIGTERM)
+
+
+class Descriptors(unittest.TestCase):
+    def test_that_run_out_only_pause_accepting(self):
+        limit = 64
+        with Program("--text", "/=Hello", "--threads", "1", descriptors=limit) as server:
+            crowd = [server.connect() for _ in range(limit)]
+            with server.connect() as late:
+                # The first of the crowd were accepted and stay served.
+                self.assertEqual(server.exchange(b"GET / HTTP/1.1\r\n\r\n", crowd[0])[2], b"Hello")
+                late.sendall(b"GET / HTTP/1.1\r\n\r\n")
+                for connection in crowd[:limit // 2]:
+                    connection.close()
+                self.assertEqual(read_answer(late)[2], b"Hello")
+            for connection in crowd:
+                connection.close()
+            self.assertEqual(server.end(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

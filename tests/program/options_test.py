@@ -1,0 +1,97 @@
+"""The command line: what is refused, with which exit code and in how many words."""
+
+import os
+import socket
+import tempfile
+import unittest
+
+import program
+
+
+class WrongOptions(unittest.TestCase):
+    CASES = [
+        # Arguments, and what the sentence must say.
+        (["--bogus"], "--bogus"),
+        (["--text"], "--text needs a value"),
+        (["--text", "no equals sign"], "--text"),
+        (["--text", "=text"], "--text"),
+        (["--reflect", ""], "--reflect"),
+        (["--listen", "nonsense"], "--listen"),
+        (["--listen", "65536"], "65536"),
+        (["--listen", "-1"], "-1"),
+        (["--listen", ":8080"], "--listen"),
+        (["--listen", "::1:8080"], "brackets"),
+        (["--listen", "localhost:"], "--listen"),
+        (["--threads", "0"], "--threads"),
+        (["--threads", "two"], "--threads"),
+        (["--keep-alive", "-1"], "--keep-alive"),
+        (["--keep-alive", "nan"], "--keep-alive"),
+        (["--keep-alive", "5s"], "--keep-alive"),
+        (["--certificate", "chain.pem"], "together"),
+        (["--key", "key.pem"], "together"),
+        (["--text", "/a=b", "--methods", "/c=GET"], "no route is given for /c"),
+        (["--text", "/a=b", "--methods", "/a="], "method names"),
+        (["--text", "/a=b", "--methods", "/a=GET,"], "method names"),
+        (["--text", "/a=b", "--methods", "/a=GET POST"], "method names"),
+        (["--profile", "modern"], "modern"),
+        (["--profile", "standard"], "not available yet"),
+        (["--files", "/=."], "--files is not available yet"),
+        (["--index", "a.html"], "--index is not available yet"),
+        (["--proxy", "/=http://a"], "--proxy is not available yet"),
+        (["--echo", "/"], "--echo is not available yet"),
+        (["--auth", "/=a:b"], "--auth is not available yet"),
+        (["--realm", "r"], "--realm is not available yet"),
+        (["."], "DIRECTORY is not available yet"),
+        (["serve", "."], "DIRECTORY is not available yet"),
+        (["connect", "ws://localhost/"], "connect is not available yet"),
+    ]
+
+    def test_exit_with_2_and_one_sentence(self):
+        for arguments, sentence in self.CASES:
+            with self.subTest(arguments=arguments):
+                code, output, errors = program.run(*arguments)
+                self.assertEqual((code, output), (2, ""))
+                self.assertIn(sentence, errors)
+                self.assertEqual(errors.count("\n"), 1, errors)
+
+
+class ServersThatCannotStart(unittest.TestCase):
+    def refused(self, *arguments):
+        code, output, errors = program.run(*arguments)
+        self.assertEqual((code, output), (1, ""), errors)
+        self.assertEqual(errors.count("\n"), 1, errors)
+        return errors
+
+    def test_port_in_use(self):
+        with socket.create_server(("127.0.0.1", 0)) as taken:
+            port = taken.getsockname()[1]
+            self.assertIn(str(port), self.refused("--listen", f"127.0.0.1:{port}"))
+
+    def test_no_such_interface(self):
+        self.assertIn("192.0.2.1", self.refused("--listen", "192.0.2.1:0"))
+        self.refused("--listen", "no-such-interface:0")
+
+    def test_certificate_that_is_none(self):
+        with tempfile.TemporaryDirectory() as directory:
+            nothing = os.path.join(directory, "nothing.pem")
+            self.assertIn("nothing.pem", self.refused("--certificate", nothing, "--key", nothing))
+            with open(nothing, "w", encoding="ascii") as file:
+                file.write("no certificate\n")
+            self.refused("--certificate", nothing, "--key", nothing)
+
+
+class Farewells(unittest.TestCase):
+    def test_version(self):
+        self.assertRegex(program.run("--version")[1], r"\Acorvane \d+\.\d+\.\d+\n\Z")
+
+    def test_help_tells_what_there_is(self):
+        code, output, errors = program.run("--help")
+        self.assertEqual((code, errors), (0, ""))
+        for option in ("--listen", "--text", "--reflect", "--inspect", "--methods", "--threads"):
+            self.assertIn(option, output)
+        self.assertNotIn("--proxy", output)
+        self.assertEqual(program.run("serve", "--help")[1], output)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,183 @@
+// Tests of the kinds of responses: how each hands out its body, ends and is copied.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "corvane/error.h"
+#include "corvane/responses.h"
+#include "support/temporary_directory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using vel::test::TemporaryDirectory;
+
+constexpr uint64_t kPiece = 524'288;
+
+TEST(DataResponse, HandsOutSlicesOfOneStorage) {
+  std::string text(1'000'000, 'a');
+  text[kPiece] = 'b';
+  const auto response = VELResponse::responseWithData(VELData(text), 200);
+  const VELData first = response->readDataOfLength(kPiece);
+  EXPECT_FALSE(response->isFinished());
+  // A range does not move it, which is meant.
+  response->setOffset(0);
+  const VELData second = response->readDataOfLength(kPiece);
+  EXPECT_TRUE(response->isFinished());
+  EXPECT_EQ(first.length(), kPiece);
+  EXPECT_EQ(second.length(), 475'712U);
+  EXPECT_EQ(second.view().front(), 'b');
+  EXPECT_EQ(first.bytes() + kPiece, second.bytes());
+  EXPECT_TRUE(response->readDataOfLength(kPiece).isEmpty());
+
+  const auto copy = response->copy();
+  EXPECT_FALSE(copy->isFinished());
+  EXPECT_EQ(copy->readDataOfLength(1'000'000).bytes(), first.bytes());
+  EXPECT_TRUE(copy->isFinished());
+}
+
+TEST(StreamResponse, ReadsItsStreamAndDeliversNothing) {
+  const auto stream = VELInputStream::inputStreamWithData(std::string(10, 'x'));
+  const auto response = VELResponse::responseWithStream(stream, 10, 200);
+  EXPECT_TRUE(response->readDataOfLength(6).isEmpty());
+  EXPECT_EQ(stream->streamStatus(), VELStreamStatus::kOpen);
+  EXPECT_FALSE(response->isFinished());
+  EXPECT_TRUE(response->readDataOfLength(6).isEmpty());
+  uint8_t byte = 0;
+  EXPECT_EQ(stream->read(&byte, 1), 1);
+  EXPECT_TRUE(response->readDataOfLength(UINT64_MAX).isEmpty());
+  EXPECT_TRUE(response->isFinished());
+  EXPECT_TRUE(response->readDataOfLength(6).isEmpty());
+  response->connectionDidClose();
+  EXPECT_EQ(stream->streamStatus(), VELStreamStatus::kClosed);
+  EXPECT_TRUE(response->isFinished());
+}
+
+TEST(StreamResponse, RaisesWhenItIsCopied) {
+  const auto response =
+      VELResponse::responseWithStream(VELInputStream::inputStreamWithData(""), 0, 200);
+  try {
+    response->copy();
+    FAIL() << "copied";
+  } catch (const VELException& exception) {
+    EXPECT_EQ(exception.name(), VELInternalInconsistencyException);
+  }
+}
+
+class FileResponse : public testing::Test {
+ protected:
+  std::shared_ptr<VELResponse> responseFor(const std::string& content) {
+    std::ofstream(path_) << content;
+    return VELResponse::responseWithFileURL(VELURL::fileURLWithPath(path_), 200);
+  }
+
+  const TemporaryDirectory directory_;
+  const std::string path_ = directory_.path("file");
+};
+
+TEST_F(FileResponse, EndsWithAShortRead) {
+  const auto response = responseFor("0123456789");
+  EXPECT_FALSE(response->isFinished());
+  EXPECT_EQ(response->readDataOfLength(4).view(), "0123");
+  EXPECT_EQ(response->readDataOfLength(6).view(), "456789");
+  // A read that brings all that was asked for cannot know that it was the last.
+  EXPECT_FALSE(response->isFinished());
+  EXPECT_TRUE(response->readDataOfLength(6).isEmpty());
+  EXPECT_TRUE(response->isFinished());
+}
+
+TEST_F(FileResponse, ReadsFromItsOffset) {
+  const auto response = responseFor("0123456789");
+  response->setOffset(7);
+  EXPECT_EQ(response->readDataOfLength(kPiece).view(), "789");
+  EXPECT_TRUE(response->isFinished());
+  EXPECT_EQ(response->offset(), 7U);
+  response->setOffset(2);
+  EXPECT_FALSE(response->isFinished());
+  EXPECT_EQ(response->readDataOfLength(3).view(), "234");
+  // A new handle begins at the offset, not where the former one was.
+  response->connectionDidClose();
+  EXPECT_EQ(response->readDataOfLength(3).view(), "234");
+  EXPECT_EQ(response->copy()->readDataOfLength(3).view(), "234");
+  response->setOffset(UINT64_MAX);
+  EXPECT_TRUE(response->readDataOfLength(3).isEmpty());
+}
+
+TEST_F(FileResponse, KeepsReadingTheFileThatItOpened) {
+  const auto response = responseFor("0123456789");
+  const VELData first = response->readDataOfLength(5);
+  ASSERT_EQ(::unlink(path_.c_str()), 0);
+  EXPECT_EQ(response->readDataOfLength(5).view(), "56789");
+  response->connectionDidClose();
+  EXPECT_TRUE(response->readDataOfLength(5).isEmpty());
+  EXPECT_TRUE(response->isFinished());
+  EXPECT_EQ(first.view(), "01234");
+}
+
+TEST_F(FileResponse, ReadsFilesThatSayTheyAreEmpty) {
+  const auto response =
+      VELResponse::responseWithFileURL(VELURL::fileURLWithPath("/proc/self/stat"), 200);
+  EXPECT_THAT(response->readDataOfLength(kPiece).string(), HasSubstr(std::to_string(::getpid())));
+}
+
+struct FixedAnswer {
+  const char* name;
+  std::shared_ptr<VELResponse> (*make)();
+  uint64_t status;
+  bool closes;
+};
+
+template <typename Response>
+std::shared_ptr<VELResponse> make() {
+  return std::make_shared<Response>();
+}
+
+class StatusResponse : public testing::TestWithParam<FixedAnswer> {};
+
+TEST_P(StatusResponse, KeepsItsStatusAndHasNoBody) {
+  const auto response = GetParam().make();
+  response->setStatus(200);
+  response->setValueForHeader("1", "X-One");
+  for (const auto& answer : {response, response->copy()}) {
+    EXPECT_EQ(answer->status(), GetParam().status);
+    EXPECT_EQ(answer->contentLength(), 0U);
+    EXPECT_TRUE(answer->isFinished());
+    EXPECT_TRUE(answer->readDataOfLength(kPiece).isEmpty());
+    EXPECT_EQ(answer->valueForHeader("Connection"),
+              GetParam().closes ? std::optional<std::string>("close") : std::nullopt);
+    EXPECT_EQ(answer->valueForHeader("X-One"), "1");
+    EXPECT_THAT(answer->description(), HasSubstr(GetParam().name));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, StatusResponse,
+    testing::Values(
+        FixedAnswer{"VELRedirectResponse", make<VELRedirectResponse>, 302, false},
+        FixedAnswer{"VELPermanentRedirectResponse", make<VELPermanentRedirectResponse>, 301, false},
+        FixedAnswer{"VELBadRequestResponse", make<VELBadRequestResponse>, 400, true},
+        FixedAnswer{"VELNotAuthorizedResponse", make<VELNotAuthorizedResponse>, 401, false},
+        FixedAnswer{"VELForbiddenResponse", make<VELForbiddenResponse>, 403, false},
+        FixedAnswer{"VELNotFoundResponse", make<VELNotFoundResponse>, 404, false},
+        FixedAnswer{"VELMethodNotSupportedResponse", make<VELMethodNotSupportedResponse>, 405,
+                    true},
+        FixedAnswer{"VELSocketYieldResponse", make<VELSocketYieldResponse>, 101, false}),
+    [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST(RedirectResponse, RaisesWhenItIsMadeWithAPath) {
+  const auto raises = [](const auto& construct) {
+    try {
+      construct();
+    } catch (const VELException& exception) {
+      return exception.name() == VELUnknownKeyException &&
+             exception.reason().find("Location") != std::string::npos;
+    }
+    return false;
+  };
+  EXPECT_TRUE(raises([] { VELRedirectResponse response("/elsewhere"); }));
+  EXPECT_TRUE(raises([] { VELPermanentRedirectResponse response("/elsewhere"); }));
+}
+
+}  // namespace

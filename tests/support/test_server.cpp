@@ -1,0 +1,115 @@
+// Waiting is always for a word of the server's, never for time to pass.
+#include "support/test_server.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <stdexcept>
+#include <utility>
+
+#include "corvane/identity.h"
+#include "support/socket_wire.h"
+#include "support/test_certificate.h"
+#include "support/tls_wire.h"
+
+namespace vel::test {
+namespace {
+
+constexpr char kHost[] = "127.0.0.1";
+constexpr char kAlivePath[] = "/is-alive";
+constexpr char kAliveText[] = "alive";
+
+const VELCertificateList& certificates() {
+  static const VELCertificateList list = [] {
+    const TestIdentity identity = makeSelfSignedIdentity(KeyKind::kEC, {"localhost"});
+    return VELIdentity::certificateListWithPEM(identity.certificates, identity.privateKey);
+  }();
+  return list;
+}
+
+}  // namespace
+
+std::string transportName(Transport transport) {
+  return transport == Transport::kTLS ? "TLS" : "TCP";
+}
+
+std::shared_ptr<VELBlockRoute> blockRoute(const std::string& path, VELBlockRoute::Handler handler) {
+  auto route = std::make_shared<VELBlockRoute>(path, false);
+  route->setHandler(std::move(handler));
+  return route;
+}
+
+std::shared_ptr<VELBlockRoute> textRoute(const std::string& path, const std::string& text) {
+  return blockRoute(path,
+                    [text](VELRoute&, const std::shared_ptr<VELRequest>&,
+                           const VELResponseHandler& respond) { respond(textResponse(text)); });
+}
+
+std::shared_ptr<VELResponse> textResponse(const std::string& text) {
+  return VELResponse::responseWithData(VELData(text), 200, "text/plain");
+}
+
+TestServer::TestServer(const Options& options,
+                       const std::function<void(VELConfiguration&)>& configure)
+    : transport_(options.transport), loops_(std::make_shared<VELEventLoops>(options.loops)) {
+  auto configuration = std::make_shared<VELConfiguration>();
+  configuration->addRoute(textRoute(kAlivePath, kAliveText));
+  if (transport_ == Transport::kTLS) configuration->setSSLCertificates(certificates());
+  configure(*configuration);
+  server_ = std::make_shared<VELServer>(configuration, loops_);
+  observation_ = server_->observe("connections", [this](const VELChange&) {
+    const std::lock_guard guard(mutex_);
+    changed_.notify_all();
+  });
+  server_->setRequestFinishedHandler([this](const VELRequestSummary& summary) {
+    const std::lock_guard guard(mutex_);
+    finished_.push_back({std::string(summary.method), std::string(summary.target), summary.status,
+                         summary.bytesSent, summary.bodyBytesSent, summary.request != nullptr});
+    changed_.notify_all();
+  });
+  server_->setInterface(kHost);
+  VELError error;
+  if (!server_->start(&error)) throw std::runtime_error(error.localizedDescription());
+}
+
+TestServer::~TestServer() {
+  auto drained = std::make_shared<std::promise<void>>();
+  server_->drain(std::chrono::milliseconds(0), [drained] { drained->set_value(); });
+  EXPECT_EQ(drained->get_future().wait_for(kPatience), std::future_status::ready);
+  observation_ = VELObservation();
+  server_.reset();
+  loops_->stop();
+}
+
+std::unique_ptr<WireClient> TestServer::connect() {
+  auto wire = std::make_unique<SocketWire>(kHost, port());
+  if (transport_ == Transport::kTCP) return std::make_unique<WireClient>(std::move(wire));
+  return std::make_unique<WireClient>(std::make_unique<TLSWire>(std::move(wire)));
+}
+
+std::unique_ptr<WireClient> TestServer::connectPlain() {
+  return std::make_unique<WireClient>(std::make_unique<SocketWire>(kHost, port()));
+}
+
+bool TestServer::isServed(WireClient& client) {
+  return client.exchange(std::string("GET ") + kAlivePath + " HTTP/1.1\r\n\r\n").body == kAliveText;
+}
+
+template <typename Predicate>
+bool TestServer::waitUntil(const Predicate& predicate) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, kPatience, predicate);
+}
+
+bool TestServer::waitForConnections(size_t count) {
+  return waitUntil([this, count] { return server_->numberOfConnections() == count; });
+}
+
+std::vector<FinishedRequest> TestServer::waitForFinishedRequests(size_t count) {
+  waitUntil([this, count] { return finished_.size() >= count; });
+  const std::lock_guard guard(mutex_);
+  return finished_;
+}
+
+}  // namespace vel::test

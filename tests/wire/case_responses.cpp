@@ -1,0 +1,137 @@
+// Routes about responses: every way in which a body can be delivered, or not be.
+#include <fstream>
+#include <map>
+#include <utility>
+
+#include "corvane/input_stream.h"
+#include "corvane/responses.h"
+#include "support/temporary_directory.h"
+#include "support/test_server.h"
+#include "wire/case_routes.h"
+
+namespace vel::test {
+namespace {
+
+/// Delivers one piece per read, whatever length is asked for.
+class PiecesResponse : public VELResponse {
+ public:
+  /// Claims to be finished with the last piece only if `tells_end`.
+  PiecesResponse(std::vector<std::string> pieces, bool tells_end)
+      : pieces_(std::move(pieces)), tells_end_(tells_end) {
+    setStatus(200);
+  }
+
+  VELData readDataOfLength(uint64_t) override {
+    return next_ < pieces_.size() ? VELData(pieces_[next_++]) : VELData();
+  }
+  bool isFinished() const override { return tells_end_ && next_ == pieces_.size(); }
+
+ private:
+  const std::vector<std::string> pieces_;
+  const bool tells_end_;
+  size_t next_ = 0;
+};
+
+std::shared_ptr<VELResponse> chunked(std::vector<std::string> pieces, bool tells_end) {
+  auto response = std::make_shared<PiecesResponse>(std::move(pieces), tells_end);
+  response->setChunked(true);
+  return response;
+}
+
+std::shared_ptr<VELResponse> announced(uint64_t length, std::vector<std::string> pieces) {
+  auto response = std::make_shared<PiecesResponse>(std::move(pieces), false);
+  response->setContentLength(length);
+  return response;
+}
+
+std::shared_ptr<VELResponse> stream(bool is_chunked) {
+  auto response =
+      VELResponse::responseWithStream(VELInputStream::inputStreamWithData("Hello"), 5, 200);
+  response->setChunked(is_chunked);
+  return response;
+}
+
+std::shared_ptr<VELResponse> file(const std::string& path) {
+  return VELResponse::responseWithFileURL(VELURL::fileURLWithPath(path), 200, "text/plain");
+}
+
+std::shared_ptr<VELResponse> withFields(
+    const std::vector<std::pair<std::string, std::string>>& fields) {
+  auto response = textResponse("Hello");
+  for (const auto& [name, value] : fields) response->setValueForHeader(value, name);
+  return response;
+}
+
+std::shared_ptr<VELResponse> described(const std::string& description) {
+  auto response = textResponse("Hello");
+  response->setStatusDescription(description);
+  return response;
+}
+
+using Maker = std::function<std::shared_ptr<VELResponse>()>;
+
+const std::map<std::string, Maker>& makers() {
+  static const std::map<std::string, Maker> map = {
+      {"bad-request", [] { return std::make_shared<VELBadRequestResponse>(); }},
+      {"chunked",
+       [] {
+         return chunked({"Hello, ", "all of", " you"}, true);
+       }},
+      {"chunked-cut", [] { return chunked({"Hello"}, false); }},
+      {"chunked-nothing", [] { return chunked({}, false); }},
+      {"chunked-ten", [] { return chunked({"0123456789"}, true); }},
+      {"cut",
+       [] {
+         return announced(10, {"abc", "d"});
+       }},
+      {"data-empty", [] { return textResponse(""); }},
+      {"data-large", [] { return textResponse(std::string(1'000'000, 'd')); }},
+      {"description-injected", [] { return described("Fine\r\nX-Injected: b"); }},
+      {"fields",
+       [] {
+         return withFields({{"Accept-Ranges", "none"}, {"Date", "then"}, {"X-A", "b"}});
+       }},
+      {"file-10", [] { return file(fileOfLength(10)); }},
+      {"file-524288", [] { return file(fileOfLength(524'288)); }},
+      {"file-600000", [] { return file(fileOfLength(600'000)); }},
+      {"file-missing", [] { return file("/nowhere/to/be/found"); }},
+      {"injected",
+       [] {
+         return withFields({{"X-A", std::string("a\r\nX-Injected: b\0c", 18)}});
+       }},
+      {"length",
+       [] {
+         return withFields({{"Content-Length", "7"}});
+       }},
+      {"plain",
+       [] {
+         auto response = std::make_shared<VELResponse>();
+         response->setStatus(204);
+         return response;
+       }},
+      {"stream", [] { return stream(false); }},
+      {"stream-chunked", [] { return stream(true); }},
+      {"unfinished", [] { return announced(5, {"Hello"}); }},
+  };
+  return map;
+}
+
+}  // namespace
+
+std::string fileOfLength(size_t length) {
+  static const TemporaryDirectory directory;
+  const std::string path = directory.path(std::to_string(length));
+  std::ofstream(path, std::ios::binary) << std::string(length, 'f');
+  return path;
+}
+
+void addResponseRoutes(VELConfiguration& configuration) {
+  const std::string prefix = "/responses/";
+  configuration.addRoute(
+      blockRoute(prefix, [prefix](VELRoute&, const std::shared_ptr<VELRequest>& request,
+                                  const VELResponseHandler& respond) {
+        respond(makers().at(request->path().substr(prefix.size()))());
+      }));
+}
+
+}  // namespace vel::test

@@ -1,0 +1,147 @@
+// Middlewares on the wire: who is asked, in which order, and whose answer counts.
+#include <gmock/gmock.h>
+
+#include <mutex>
+
+#include "support/test_server.h"
+#include "wire/wire_case.h"
+
+namespace vel::test {
+namespace {
+
+/// The calls that the middlewares and the route got, in order.
+class Journal {
+ public:
+  void add(const std::string& entry) {
+    const std::lock_guard guard(mutex_);
+    entries_.push_back(entry);
+  }
+  std::vector<std::string> take() {
+    const std::lock_guard guard(mutex_);
+    return std::exchange(entries_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> entries_;
+};
+
+/// Notes its calls. The query of the request says what it does: "A=answers", "A=clears", "A=mends".
+class NotingMiddleware : public VELMiddleware {
+ public:
+  NotingMiddleware(std::string name, Journal& journal)
+      : name_(std::move(name)), journal_(journal) {}
+
+  std::shared_ptr<VELResponse> evaluateRequest(VELRequest& request, VELRoute&) override {
+    journal_.add(name_ + " request");
+    return does(request, "answers") ? textResponse("by " + name_) : nullptr;
+  }
+  std::shared_ptr<VELResponse> evaluateResponse(std::shared_ptr<VELResponse> response,
+                                                VELRequest& request) override {
+    journal_.add(name_ + " response");
+    if (does(request, "clears")) return nullptr;
+    return does(request, "replaces") ? textResponse("instead by " + name_) : response;
+  }
+  std::shared_ptr<VELResponse> evaluateError(const VELError& error, VELRequest& request) override {
+    journal_.add(name_ + " error " + std::to_string(error.code()));
+    return does(request, "mends") ? textResponse("mended by " + name_) : nullptr;
+  }
+
+ private:
+  bool does(const VELRequest& request, const std::string& what) const {
+    const auto found = request.GETParameters().find(name_);
+    return found != request.GETParameters().end() && found->second == what;
+  }
+
+  const std::string name_;
+  Journal& journal_;
+};
+
+struct MiddlewareCase {
+  std::string request;
+  int status;
+  std::string body;
+  std::vector<std::string> calls;
+};
+
+TEST(Middlewares, AreAskedInOrderAndHeardInReverse) {
+  Journal journal;
+  TestServer server([&journal](VELConfiguration& configuration) {
+    configuration.addRoute(
+        blockRoute("/route", [&journal](VELRoute&, const auto&, const auto& respond) {
+          journal.add("route");
+          respond(textResponse("by the route"));
+        }));
+    configuration.addRoute(
+        blockRoute("/fails", [&journal](VELRoute&, const auto&, const auto& respond) {
+          journal.add("route");
+          respond(nullptr, VELError("CaseErrorDomain", 7));
+        }));
+    for (const std::string name : {"A", "B", "C"}) {
+      configuration.addMiddleware(std::make_shared<NotingMiddleware>(name, journal));
+    }
+  });
+  const std::vector<MiddlewareCase> cases = {
+      {"GET /route",
+       200,
+       "by the route",
+       {"A request", "B request", "C request", "route", "C response", "B response", "A response"}},
+      {"GET /route?B=answers", 200, "by B", {"A request", "B request", "B response", "A response"}},
+      {"GET /route?B=replaces",
+       200,
+       "instead by B",
+       {"A request", "B request", "C request", "route", "C response", "B response", "A response"}},
+      {"GET /route?B=clears",
+       404,
+       "",
+       {"A request", "B request", "C request", "route", "C response", "B response"}},
+      {"GET /fails",
+       500,
+       "",
+       {"A request", "B request", "C request", "route", "C error 7", "B error 7", "A error 7"}},
+      {"GET /fails?B=mends",
+       200,
+       "mended by B",
+       {"A request", "B request", "C request", "route", "C error 7", "B error 7", "A response"}},
+      {"GET /fails?C=mends&B=clears&A=mends",
+       200,
+       "mended by A",
+       {"A request", "B request", "C request", "route", "C error 7", "B response", "A error 7"}},
+      {"DELETE /route",
+       405,
+       "",
+       {"A request", "B request", "C request", "C response", "B response", "A response"}},
+      {"DELETE /route?A=answers", 200, "by A", {"A request", "A response"}},
+      {"OPTIONS /route", 204, "", {}},
+      {"GET /nowhere", 404, "", {}},
+  };
+  const auto client = server.connect();
+  for (const MiddlewareCase& expected : cases) {
+    SCOPED_TRACE(expected.request);
+    const Answer answer = client->exchange(head({expected.request + " HTTP/1.1"}));
+    EXPECT_EQ(answer.status, expected.status);
+    EXPECT_EQ(answer.body, expected.body);
+    EXPECT_EQ(journal.take(), expected.calls);
+  }
+}
+
+TEST(Middlewares, ThatThrowCloseTheConnection) {
+  struct Throwing : VELMiddleware {
+    std::shared_ptr<VELResponse> evaluateRequest(VELRequest& request, VELRoute&) override {
+      if (request.path() == "/is-alive") return nullptr;
+      throw VELException(VELInvalidArgumentException, "no");
+    }
+  };
+  TestServer server([](VELConfiguration& configuration) {
+    configuration.addRoute(textRoute("/text", "Hello"));
+    configuration.addMiddleware(std::make_shared<Throwing>());
+  });
+  const auto bystander = server.connect();
+  const auto client = server.connect();
+  client->send(head({"GET /text HTTP/1.1"}));
+  EXPECT_EQ(client->readToEnd(), "");
+  EXPECT_TRUE(TestServer::isServed(*bystander));
+}
+
+}  // namespace
+}  // namespace vel::test
