@@ -29,8 +29,8 @@ class ConnectionEngine;
 /// }
 /// ```
 /// Owner:   its server, until it has closed.
-/// Queue:   every operation may be called on any thread; all the rest happens on a serial queue of the
-///          connection's own, "org.corvane.Connection".
+/// Queue:   every operation may be called on any thread; all the rest happens on a serial queue of
+///          the connection's own, "org.corvane.Connection".
 class CORVANE_EXPORT VELHTTPConnection final
     : public VELConnection,
       public std::enable_shared_from_this<VELHTTPConnection> {

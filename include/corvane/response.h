@@ -18,6 +18,9 @@
 
 /// One field of a response head.
 struct VELHeaderField {
+  VELHeaderField(std::string_view fieldName, std::string&& fieldValue)
+      : name(fieldName), value(std::move(fieldValue)) {}
+
   std::string name;
   std::string value;
 };
@@ -118,6 +121,8 @@ class CORVANE_EXPORT VELResponse {
 
  private:
   std::vector<VELHeaderField>::iterator findField(std::string_view name);
+  /// Adds a field whose name is known to be new.
+  void addField(std::string_view name, std::string&& value);
 
   std::vector<VELHeaderField> header_fields_;
   std::optional<std::string> status_description_;

@@ -51,7 +51,8 @@ class CORVANE_EXPORT VELResponseHandler {
   template <typename Function>
   requires(!std::same_as<std::remove_cvref_t<Function>, VELResponseHandler> &&
            std::invocable<Function&, std::shared_ptr<VELResponse>, std::optional<VELError>>)
-      VELResponseHandler(Function&& function)  // NOLINT(google-explicit-constructor)
+      // NOLINTNEXTLINE(google-explicit-constructor, bugprone-forwarding-reference-overload)
+  VELResponseHandler(Function&& function)
       : VELResponseHandler(Callback(std::forward<Function>(function))) {}
   explicit VELResponseHandler(std::shared_ptr<vel::ResponseSink> sink);
 

@@ -137,7 +137,7 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
   void setRequestFinishedHandler(std::function<void(const VELRequestSummary&)> handler);
 
   /// Registers a session that took over a connection's socket.
-  void addConnection(std::shared_ptr<VELConnection> connection);
+  void addConnection(const std::shared_ptr<VELConnection>& connection);
   void removeConnection(const std::shared_ptr<VELConnection>& connection);
   /// Called by a connection or session that has ended.
   void connectionDidClose(const std::shared_ptr<VELConnection>& connection);

@@ -1,5 +1,6 @@
-// The framings of a request's body (RFC 9112 §6): which read comes next, and where the body ends. Bytes
-// in, next step out; reading itself is left to the connection, keeping the bytes to the body store.
+// The framings of a request's body (RFC 9112 §6): which read comes next, and where the body ends.
+// Bytes in, next step out; reading itself is left to the connection, keeping the bytes to the body
+// store.
 #pragma once
 
 #include <cstddef>
@@ -58,8 +59,8 @@ class LengthBodyReader {
 /// | trailer   | a field, which is discarded   | trailer   | the next trailer line           |
 class ChunkedBodyReader {
  public:
-  /// `headLines` is the number of lines that the head had before its empty one: head and trailer share
-  /// their limit. Keeps a reference to `limits`.
+  /// `headLines` is the number of lines that the head had before its empty one: head and trailer
+  /// share their limit. Keeps a reference to `limits`.
   ChunkedBodyReader(uint64_t headLines, const VELLimits& limits) noexcept
       : lines_(headLines), limits_(&limits) {}
 

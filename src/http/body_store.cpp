@@ -37,8 +37,8 @@ void BodyStore::append(std::string_view bytes) {
 
 void BodyStore::moveToFile() {
   VELError error;
-  // Whatever fails on the way makes the creation of the file fail, and that is what is logged; but a
-  // directory of another user's would be written to, so it is not.
+  // Whatever fails on the way makes the creation of the file fail, and that is what is logged; but
+  // a directory of another user's would be written to, so it is not.
   std::string directory;
   bool isSafe = makeTemporaryItemsDirectory(&directory, &error);
   directory += "/Uploads";

@@ -1,5 +1,5 @@
-// BodyStore: keeps the body of one request, in memory while it is small, else in a file. How the body
-// is framed on the wire is left to the body readers.
+// BodyStore: keeps the body of one request, in memory while it is small, else in a file. How the
+// body is framed on the wire is left to the body readers.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,8 @@ namespace vel {
 /// The bytes of one body.
 /// Owner:   the request's exchange. The file, when there is one, outlives the store unless it is
 ///          discarded: routes may still read it.
-/// Errors:  what cannot be written is logged once and lost; the request names the file all the same.
+/// Errors:  what cannot be written is logged once and lost; the request names the file all the
+///          same.
 class BodyStore {
  public:
   /// `identifier` names the file; a body of more than `inMemory` bytes goes there.

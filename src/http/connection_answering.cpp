@@ -1,4 +1,5 @@
 // Answering a request: its dispatch, the answer on its way, and what comes after it.
+#include <typeinfo>
 #include <utility>
 
 #include "corvane/http_connection.h"
@@ -13,6 +14,17 @@
 
 namespace vel {
 
+namespace {
+
+bool yieldsSocket(const VELResponse& response) {
+  // Nearly every answer is one of these two, and telling so costs less than the search for a base.
+  const std::type_info& type = typeid(response);
+  if (type == typeid(VELDataResponse) || type == typeid(VELFileResponse)) return false;
+  return dynamic_cast<const VELSocketYieldResponse*>(&response) != nullptr;
+}
+
+}  // namespace
+
 void ConnectionEngine::handleRequest() {
   Exchange& exchange = *exchange_;
   prepareRequest();
@@ -21,12 +33,19 @@ void ConnectionEngine::handleRequest() {
     return;
   }
   exchange.phase = Exchange::Phase::kEvaluating;
-  std::shared_ptr<VELResponse> response = answerInPlaceOfRoute(exchange);
+  const VELMethodList allowedMethods = exchange.route->allowedHTTPMethods();
+  std::shared_ptr<VELResponse> response = answerInPlaceOfRoute(exchange, allowedMethods);
   if (response) {
     didFinishRequest(std::move(response), std::nullopt);
-  } else {
-    evaluate();
+    return;
   }
+  runLoggingExceptions([&] {
+    if (allowsMethod(exchange.request->head().method(), allowedMethods)) {
+      evaluate();
+    } else {
+      didFinishRequest(std::make_shared<VELMethodNotSupportedResponse>(), std::nullopt);
+    }
+  });
 }
 
 void ConnectionEngine::prepareRequest() {
@@ -51,9 +70,9 @@ void ConnectionEngine::evaluate() {
   // The route may answer before it returns, and the exchange may then be over already.
   const std::shared_ptr<const ConfigurationSnapshot> holder = exchange_->own_configuration;
   VELRoute& route = *exchange_->route;
-  const std::weak_ptr<ConnectionEngine> weak = self();
-  std::shared_ptr<ResponseSink> call = std::make_shared<ResponseCall>(weak);
-  evaluateRoute(route, exchange_->request, VELResponseHandler(std::move(call)));
+  std::shared_ptr<ResponseSink> call =
+      std::make_shared<ResponseCall>(connection_.weak_from_this(), *this);
+  route.evaluateWithRequest(exchange_->request, VELResponseHandler(std::move(call)));
 }
 
 void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
@@ -70,7 +89,8 @@ void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
 
 void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
                                         const std::optional<VELError>& error) {
-  // The connection may have ended, or its queue's last resort may have closed it, before the answer came.
+  // The connection may have ended, or its queue's last resort may have closed it, before the answer
+  // came.
   if (!exchange_ || exchange_->phase != Exchange::Phase::kEvaluating) return;
   Exchange& exchange = *exchange_;
   exchange.response = passedThroughMiddlewares(exchange, std::move(response), error);
@@ -79,7 +99,7 @@ void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
                     error ? &*error : nullptr);
     return;
   }
-  if (dynamic_cast<VELSocketYieldResponse*>(exchange.response.get()) != nullptr) {
+  if (yieldsSocket(*exchange.response)) {
     exchange.status = exchange.response->status();
     die();
     return;

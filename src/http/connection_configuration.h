@@ -1,5 +1,5 @@
-// ConnectionConfiguration: the configuration that one connection works on. Nearly always that is the
-// shared snapshot of the moment when it was accepted.
+// ConnectionConfiguration: the configuration that one connection works on. Nearly always that is
+// the shared snapshot of the moment when it was accepted.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,6 @@
-// ConnectionEngine: the conductor of one HTTP connection. It owns the socket's events and decides what
-// comes next; reading heads and bodies, keeping bodies, dispatch and transmission are parts of their own.
+// ConnectionEngine: the conductor of one HTTP connection. It owns the socket's events and decides
+// what comes next; reading heads and bodies, keeping bodies, dispatch and transmission are parts of
+// their own.
 #pragma once
 
 #include <atomic>
@@ -24,11 +25,11 @@ class VELHTTPConnection;
 
 namespace vel {
 
-/// What stands behind a VELHTTPConnection. It is created, started, reads and answers one request after
-/// the other, and dies with its socket, or without it when a route has taken the socket over.
+/// What stands behind a VELHTTPConnection. It is created, started, reads and answers one request
+/// after the other, and dies with its socket, or without it when a route has taken the socket over.
 ///
-/// An idle connection consists of this object, its socket and its queue; what a request needs lives in
-/// an Exchange.
+/// An idle connection consists of this object, its socket and its queue; what a request needs lives
+/// in an Exchange.
 ///
 /// Owner:   the connection. Weak and strong references to it are references to the connection.
 /// Queue:   the connection's, except where it says so.
@@ -98,7 +99,8 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort, priv
 
   // Belongs to the queue.
   std::unique_ptr<Exchange> exchange_;
-  // Holds the connection from `close` until it has died, since the server may have forgotten it by then.
+  // Holds the connection from `close` until it has died, since the server may have forgotten it by
+  // then.
   std::unique_ptr<const std::shared_ptr<ConnectionEngine>> held_until_death_;
   bool is_dead_ = false;
   bool has_left_server_ = false;

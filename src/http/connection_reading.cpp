@@ -99,11 +99,10 @@ bool ConnectionEngine::selectRoute() {
   const ConfigurationSnapshot& configuration = *exchange_->configuration;
   std::string scratch;
   const std::string_view path = exchange_->request->head().path(&scratch);
-  std::optional<RouteMatch> match =
-      configuration.route_index.firstMatch(configuration.routes, path);
-  if (!match) return false;
-  exchange_->route = match->route;
-  exchange_->request->setMatch(std::move(match->result));
+  VELTextCheckingResult match;
+  exchange_->route = configuration.route_index.firstMatch(configuration.routes, path, &match);
+  if (exchange_->route == nullptr) return false;
+  exchange_->request->setMatch(std::move(match));
   return true;
 }
 

@@ -5,7 +5,6 @@
 #include <string_view>
 #include <utility>
 
-#include "corvane/responses.h"
 #include "http/habits.h"
 #include "http/head_serialiser.h"
 #include "platform/log.h"
@@ -56,30 +55,23 @@ void logException(const char* what) noexcept {
 
 }  // namespace
 
-std::shared_ptr<VELResponse> answerInPlaceOfRoute(Exchange& exchange) {
+std::shared_ptr<VELResponse> answerInPlaceOfRoute(Exchange& exchange,
+                                                  const VELMethodList& allowedMethods) {
   const MessageHead& head = std::as_const(*exchange.request).head();
   const std::string_view method = head.method();
-  const VELMethodList allowedMethods = exchange.route->allowedHTTPMethods();
   if (answersWithoutRoute(method, allowedMethods)) {
     return method == "OPTIONS" ? optionsAnswer(allowedMethods) : traceAnswer(head);
   }
-  std::shared_ptr<VELResponse> response = askMiddlewares(exchange);
-  if (!response && !allowsMethod(method, allowedMethods)) {
-    response = std::make_shared<VELMethodNotSupportedResponse>();
-  }
-  return response;
+  return askMiddlewares(exchange);
 }
 
-void evaluateRoute(VELRoute& route, std::shared_ptr<VELRequest> request,
-                   VELResponseHandler handler) {
+void logUncaughtException(const std::exception_ptr& exception) noexcept {
   try {
-    route.evaluateWithRequest(std::move(request), std::move(handler));
-  } catch (const std::exception& exception) {
-    logException(exception.what());
-    throw;
+    std::rethrow_exception(exception);
+  } catch (const std::exception& standard) {
+    logException(standard.what());
   } catch (...) {
     logException("no standard exception");
-    throw;
   }
 }
 

@@ -27,15 +27,15 @@ struct ReportFacts {
 
 /// The state of one request and its answer.
 ///
-/// | phase       | event                               | next                                          |
-/// |-------------|-------------------------------------|-----------------------------------------------|
-/// | head        | the head is complete                | body, or evaluating when there is none        |
-/// | body        | the body is complete                | evaluating                                    |
-/// | evaluating  | the answer has come                 | sending                                       |
-/// | sending     | the last write, or no more data     | (the exchange ends)                           |
-/// | any         | a fixed answer                      | sending                                       |
-/// | any         | an exception                        | abandoned: an answer comes too late           |
-/// | any         | the socket has closed               | (the exchange ends)                           |
+/// | phase      | event                           | next                                   |
+/// | ---------- | ------------------------------- | -------------------------------------- |
+/// | head       | the head is complete            | body, or evaluating when there is none |
+/// | body       | the body is complete            | evaluating                             |
+/// | evaluating | the answer has come             | sending                                |
+/// | sending    | the last write, or no more data | (the exchange ends)                    |
+/// | any        | a fixed answer                  | sending                                |
+/// | any        | an exception                    | abandoned: an answer comes too late    |
+/// | any        | the socket has closed           | (the exchange ends)                    |
 ///
 /// Owner:   the connection's engine.
 /// Queue:   the connection's.
@@ -43,8 +43,8 @@ struct Exchange {
   enum class Phase : uint8_t { kHead, kBody, kEvaluating, kSending, kAbandoned };
 
   Phase phase = Phase::kHead;
-  // What was in force when the first line came; held by `own_configuration` unless the connection itself
-  // holds it.
+  // What was in force when the first line came; held by `own_configuration` unless the connection
+  // itself holds it.
   const ConfigurationSnapshot* configuration = nullptr;
   std::shared_ptr<const ConfigurationSnapshot> own_configuration;
 

@@ -11,8 +11,10 @@
 namespace vel {
 namespace {
 
-// Signed, since that is the comparison that processors have.
+// Compared as signed numbers, since that is the comparison that processors have, and added as unsigned
+// ones, which may wrap.
 using Bytes16 = signed char __attribute__((vector_size(16)));
+using Unsigned16 = unsigned char __attribute__((vector_size(16)));
 
 constexpr uint64_t kEach = 0x0101010101010101;
 constexpr uint64_t kHighBits = kEach * 0x80;
@@ -31,13 +33,18 @@ void store(T value, char* at) noexcept {
 
 bool isForbidden(char c) noexcept { return isControl(c) && c != '\t'; }
 
+Bytes16 added(Bytes16 bytes, unsigned char number) noexcept {
+  return reinterpret_cast<Bytes16>(reinterpret_cast<Unsigned16>(bytes) + number);
+}
+
 /// All bits of each visible ASCII character and the blank, 0x20 to 0x7E: one more than these is above
 /// 0x20 and not yet negative.
-Bytes16 plainCharacters(Bytes16 bytes) noexcept { return bytes + 1 > 0x20; }
+Bytes16 plainCharacters(Bytes16 bytes) noexcept { return added(bytes, 1) > 0x20; }
 
 /// All bits of each letter and hyphen, of which the usual names consist: five more than "z" is 0x7F.
 Bytes16 lettersAndHyphens(Bytes16 bytes) noexcept {
-  return ((bytes | 0x20) + (0x7F - 'z') > 'a' - 1 + (0x7F - 'z')) | (bytes == '-');
+  constexpr unsigned char kShift = 0x7F - 'z';
+  return (added(bytes | 0x20, kShift) > 'a' - 1 + kShift) | (bytes == '-');
 }
 
 bool all(Bytes16 bytes) noexcept {

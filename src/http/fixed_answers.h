@@ -23,8 +23,8 @@ enum class FixedAnswer : uint8_t {
 /// The status code of `answer`.
 uint64_t statusOf(FixedAnswer answer) noexcept;
 
-/// Writes `answer` as a whole, with the tag of a last write. `error` is the one that `kServerError` is
-/// about.
+/// Writes `answer` as a whole, with the tag of a last write. `error` is the one that `kServerError`
+/// is about.
 void writeFixedAnswer(FixedAnswer answer, const VELError* error, const VELLimits& limits,
                       VELSocket* socket, SentBytes* sent);
 

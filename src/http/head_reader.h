@@ -1,11 +1,12 @@
-// HeadReader: counts the lines of a request's head and says how its body is framed. The grammar of the
-// lines belongs to MessageHead, reading them to the connection.
+// HeadReader: counts the lines of a request's head and says how its body is framed. The grammar of
+// the lines belongs to MessageHead, reading them to the connection.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 
 #include "corvane/limits.h"
+#include "http/habits.h"
 #include "http/message_head.h"
 
 namespace vel {
@@ -20,7 +21,14 @@ enum class HeadStep : uint8_t {
 /// Takes the lines of one head.
 class HeadReader {
  public:
-  HeadStep didRead(std::string_view line, MessageHead* head, const VELLimits& limits);
+  HeadStep didRead(std::string_view line, MessageHead* head, const VELLimits& limits) {
+    const HeadProgress progress = head->appendLine(line);
+    // A message may also begin with a status line, but a client does not send one.
+    if (progress == HeadProgress::kMalformed || !head->isRequest()) return HeadStep::kMalformed;
+    if (progress == HeadProgress::kComplete) return HeadStep::kComplete;
+    ++lines_;
+    return admitsLines(lines_, limits) ? HeadStep::kReadLine : HeadStep::kTooLong;
+  }
 
   /// The lines before the one that ended the head.
   uint64_t lines() const noexcept { return lines_; }

@@ -47,7 +47,7 @@ char* writeCRLF(char* out) noexcept {
   return out + kLineEnd.size();
 }
 
-/// Names that are the same mostly are so letter for letter.
+/// Names that are the same mostly are so letter for letter. `a` is not empty.
 bool isSameName(std::string_view a, std::string_view b) noexcept {
   return a.size() == b.size() && toLower(a[0]) == toLower(b[0]) &&
          (a == b || equalsIgnoringCase(a, b));
@@ -106,10 +106,6 @@ void ResponseHeadBuilder::setOwnField(std::string_view name, std::string_view va
 }
 
 void ResponseHeadBuilder::setField(std::string_view name, std::string_view value) {
-  if (!isFieldName(name)) {
-    logLine("Header field with an invalid name left out: " + escapedForLog(name));
-    return;
-  }
   for (Field& other : fields_) {
     if (isSameName(other.name, name)) {
       field_bytes_ = field_bytes_ - other.value.size() + value.size();
@@ -117,7 +113,11 @@ void ResponseHeadBuilder::setField(std::string_view name, std::string_view value
       return;
     }
   }
-  setOwnField(name, value);
+  if (isFieldName(name)) {
+    setOwnField(name, value);
+  } else {
+    logLine("Header field with an invalid name left out: " + escapedForLog(name));
+  }
 }
 
 void ResponseHeadBuilder::setFields(const std::vector<VELHeaderField>& fields) {

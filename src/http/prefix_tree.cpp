@@ -18,7 +18,8 @@ PrefixTree<kIgnoresCase>::PrefixTree(std::vector<Entry> entries) {
   build(0, entries.data(), entries.data() + entries.size(), 0);
 }
 
-// Gives `node` the texts from `first` up to `last`, which are sorted and share their first `depth` bytes.
+// Gives `node` the texts from `first` up to `last`, which are sorted and share their first `depth`
+// bytes.
 template <bool kIgnoresCase>
 void PrefixTree<kIgnoresCase>::build(size_t node, const Entry* first, const Entry* last,
                                      size_t depth) {

@@ -1,5 +1,5 @@
-// PrefixTree: literal texts with a number each; finds the smallest number among the texts that a given
-// text begins with. Knows nothing of routes.
+// PrefixTree: literal texts with a number each; finds the smallest number among the texts that a
+// given text begins with. Knows nothing of routes.
 #pragma once
 
 #include <cstddef>
@@ -34,8 +34,8 @@ class PrefixTree {
   Found find(std::string_view subject) const noexcept;
 
  private:
-  // A node stands for the texts that begin with its label after its parent's. Children lie one after
-  // the other, in the order of their labels' first bytes.
+  // A node stands for the texts that begin with its label after its parent's. Children lie one
+  // after the other, in the order of their labels' first bytes.
   struct Node {
     std::string label;
     size_t number = kNone;

@@ -171,7 +171,7 @@ std::string VELRequest::path() const {
   }
   std::string scratch;
   const std::string_view path = state_->head.path(&scratch);
-  return scratch.empty() ? std::string(path) : std::move(scratch);
+  return std::string(path);
 }
 
 bool VELRequest::isSecure() const {

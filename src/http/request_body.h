@@ -23,8 +23,8 @@ class RequestBody {
 
   /// The first read.
   BodyStep begin() const;
-  /// The next read, after the one of `tag` brought `bytes`. When the body is complete, its file has been
-  /// closed.
+  /// The next read, after the one of `tag` brought `bytes`. When the body is complete, its file has
+  /// been closed.
   BodyStep didRead(std::string_view bytes, int64_t tag);
 
   BodyStore& store() noexcept { return store_; }

@@ -9,13 +9,14 @@
 
 namespace vel {
 
-/// What has to be noted when the first line of a head comes, if `server` wants summaries; else none.
+/// What has to be noted when the first line of a head comes, if `server` wants summaries; else
+/// none.
 std::unique_ptr<ReportFacts> reportFactsFor(const std::shared_ptr<VELServer>& server,
                                             const VELSocket& socket);
 
-/// Tells the host of `server` about `exchange`, once: at the end of the answer, or when the connection has
-/// died after the request was complete. There may be no answer then, and the status is 0; bytes are those
-/// handed to the socket so far.
+/// Tells the host of `server` about `exchange`, once: at the end of the answer, or when the
+/// connection has died after the request was complete. There may be no answer then, and the status
+/// is 0; bytes are those handed to the socket so far.
 void reportFinished(const std::shared_ptr<VELServer>& server, Exchange& exchange);
 
 }  // namespace vel

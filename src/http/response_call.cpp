@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "corvane/http_connection.h"
 #include "http/connection_engine.h"
 #include "platform/log.h"
 
@@ -19,8 +20,8 @@ void ResponseCall::answer(std::shared_ptr<VELResponse> response, std::optional<V
     logLine("A response handler was called more than once; the later call is ignored");
     return;
   }
-  const std::shared_ptr<ConnectionEngine> connection = connection_.lock();
-  if (connection) connection->takeAnswer(std::move(response), std::move(error));
+  const std::shared_ptr<VELHTTPConnection> connection = connection_.lock();
+  if (connection) engine_.takeAnswer(std::move(response), std::move(error));
 }
 
 }  // namespace vel

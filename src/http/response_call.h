@@ -7,22 +7,28 @@
 
 #include "corvane/response_handler.h"
 
+class VELHTTPConnection;
+
 namespace vel {
 
 class ConnectionEngine;
 
-/// Takes one answer to its connection, from whatever thread it comes. Further answers are ignored and
-/// logged; so is, at the end, that none came. An answer to a connection that has ended is dropped.
+/// Takes one answer to its connection, from whatever thread it comes. Further answers are ignored
+/// and logged; so is, at the end, that none came. An answer to a connection that has ended is
+/// dropped.
 class ResponseCall final : public ResponseSink {
  public:
-  explicit ResponseCall(std::weak_ptr<ConnectionEngine> connection) noexcept
-      : connection_(std::move(connection)) {}
+  /// `engine` is a part of `connection`.
+  ResponseCall(std::weak_ptr<VELHTTPConnection> connection, ConnectionEngine& engine) noexcept
+      : connection_(std::move(connection)), engine_(engine) {}
   ~ResponseCall() override;
 
   void answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) override;
 
  private:
-  const std::weak_ptr<ConnectionEngine> connection_;
+  const std::weak_ptr<VELHTTPConnection> connection_;
+  // Valid while the connection lives.
+  ConnectionEngine& engine_;
   std::atomic<bool> is_answered_{false};
 };
 

@@ -28,7 +28,8 @@ class RouteIndex::Table {
   Table(const Routes& routes, uint64_t generation);
 
   uint64_t generation() const noexcept { return generation_; }
-  std::optional<RouteMatch> firstMatch(const Routes& routes, std::string_view path) const;
+  VELRoute* firstMatch(const Routes& routes, std::string_view path,
+                       VELTextCheckingResult* result) const;
 
  private:
   struct Expression {
@@ -36,8 +37,9 @@ class RouteIndex::Table {
     size_t number;
   };
 
-  static std::optional<RouteMatch> firstOf(const std::vector<Expression>& expressions, size_t end,
-                                           const Routes& routes, std::string_view path);
+  static VELRoute* firstOf(const std::vector<Expression>& expressions, size_t end,
+                           const Routes& routes, std::string_view path,
+                           VELTextCheckingResult* result);
 
   const uint64_t generation_;
   PrefixTree<false> literals_;
@@ -72,21 +74,23 @@ RouteIndex::Table::Table(const Routes& routes, uint64_t generation) : generation
   if (has_wide_folds) for_wide_paths_ = std::move(all);
 }
 
-std::optional<RouteMatch> RouteIndex::Table::firstOf(const std::vector<Expression>& expressions,
-                                                     size_t end, const Routes& routes,
-                                                     std::string_view path) {
+VELRoute* RouteIndex::Table::firstOf(const std::vector<Expression>& expressions, size_t end,
+                                     const Routes& routes, std::string_view path,
+                                     VELTextCheckingResult* result) {
   for (const Expression& candidate : expressions) {
     if (candidate.number >= end) break;
-    std::optional<VELTextCheckingResult> result = candidate.expression->firstMatchInString(path);
-    if (result) return RouteMatch{routes[candidate.number].get(), *std::move(result)};
+    std::optional<VELTextCheckingResult> match = candidate.expression->firstMatchInString(path);
+    if (!match) continue;
+    *result = *std::move(match);
+    return routes[candidate.number].get();
   }
-  return std::nullopt;
+  return nullptr;
 }
 
-std::optional<RouteMatch> RouteIndex::Table::firstMatch(const Routes& routes,
-                                                        std::string_view path) const {
+VELRoute* RouteIndex::Table::firstMatch(const Routes& routes, std::string_view path,
+                                        VELTextCheckingResult* result) const {
   if (!for_wide_paths_.empty() && !isASCII(path)) {
-    return firstOf(for_wide_paths_, routes.size(), routes, path);
+    return firstOf(for_wide_paths_, routes.size(), routes, path, result);
   }
   auto literal = literals_.find(path);
   if (!caseless_literals_.isEmpty()) {
@@ -94,12 +98,12 @@ std::optional<RouteMatch> RouteIndex::Table::firstMatch(const Routes& routes,
     if (caseless.number < literal.number) literal = {caseless.number, caseless.length};
   }
   if (!patterns_.empty()) {
-    std::optional<RouteMatch> earlier = firstOf(patterns_, literal.number, routes, path);
-    if (earlier) return earlier;
+    VELRoute* const earlier = firstOf(patterns_, literal.number, routes, path, result);
+    if (earlier != nullptr) return earlier;
   }
-  if (literal.number == PrefixTree<false>::kNone) return std::nullopt;
-  return RouteMatch{routes[literal.number].get(),
-                    VELTextCheckingResult(VELTextRange{0, literal.length})};
+  if (literal.number == PrefixTree<false>::kNone) return nullptr;
+  result->addRange({0, literal.length});
+  return routes[literal.number].get();
 }
 
 RouteIndex::RouteIndex() noexcept = default;
@@ -122,9 +126,9 @@ const RouteIndex::Table& RouteIndex::table(const Routes& routes) const {
   return *tables_.back();
 }
 
-std::optional<RouteMatch> RouteIndex::firstMatch(const Routes& routes,
-                                                 std::string_view path) const {
-  return table(routes).firstMatch(routes, path);
+VELRoute* RouteIndex::firstMatch(const Routes& routes, std::string_view path,
+                                 VELTextCheckingResult* result) const {
+  return table(routes).firstMatch(routes, path, result);
 }
 
 }  // namespace vel

@@ -18,16 +18,9 @@ namespace vel {
 /// Counts changes of any route's expression, so that indexes made before one are made anew.
 void noteRouteExpressionChange() noexcept;
 
-/// The route that was selected, and how its expression matched the path. The list of routes holds it: no
-/// count that all connections share is touched.
-struct RouteMatch {
-  VELRoute* route;
-  VELTextCheckingResult result;
-};
-
-/// Finds the first matching route of one immutable list. Literal prefixes stand in a tree, so that a
-/// thousand of them cost little more than one; the other expressions are tried in order, and only those
-/// that come before the best literal.
+/// Finds the first matching route of one immutable list. Literal prefixes stand in a tree, so that
+/// a thousand of them cost little more than one; the other expressions are tried in order, and only
+/// those that come before the best literal.
 /// Owner:   part of a configuration's snapshot; made when it is first asked. A copy starts empty.
 /// Queue:   any, several at once. Looking up takes no lock once the index is made.
 class RouteIndex {
@@ -39,9 +32,12 @@ class RouteIndex {
   RouteIndex& operator=(const RouteIndex&) = delete;
   ~RouteIndex();
 
-  /// The first of `routes` whose expression matches `path`, the path of a request's URL. `routes` is
-  /// the same list at every call.
-  std::optional<RouteMatch> firstMatch(const Routes& routes, std::string_view path) const;
+  /// The first of `routes` whose expression matches `path`, the path of a request's URL; `result`,
+  /// an empty one, becomes
+  /// the match. None when no route matches. `routes` is the same list at every call, and holds the
+  /// route: no count that all connections share is touched.
+  VELRoute* firstMatch(const Routes& routes, std::string_view path,
+                       VELTextCheckingResult* result) const;
 
  private:
   class Table;

@@ -1,5 +1,5 @@
-// The numbers that a connection's reads and writes carry; a completion brings its number back and so
-// says what comes next.
+// The numbers that a connection's reads and writes carry; a completion brings its number back and
+// so says what comes next.
 #pragma once
 
 #include <cstdint>

@@ -99,8 +99,9 @@ Transmitter::Progress Transmitter::sendNextPiece() {
   return Progress::kUnderWay;
 }
 
-// A read without data ends the answer, whatever was announced: a plain body stays short, and a body in
-// chunks is left without its footer. The client is told only by the end of the connection, if it ends.
+// A read without data ends the answer, whatever was announced: a plain body stays short, and a body
+// in chunks is left without its footer. The client is told only by the end of the connection, if it
+// ends.
 Transmitter::Progress Transmitter::bodyRanDry() const { return Progress::kFinished; }
 
 void Transmitter::sendPlainPiece(VELData piece) {

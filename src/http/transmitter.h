@@ -28,19 +28,20 @@ void completeHead(const std::vector<VELHeaderField>& fields, ResponseHeadBuilder
 void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& limits,
                VELSocket* socket, SentBytes* sent);
 
-/// Sends a response. At most one piece of its body is in the socket's hands: a piece is read when the one
-/// before it has been written, so a slow client never makes a body pile up.
+/// Sends a response. At most one piece of its body is in the socket's hands: a piece is read when
+/// the one before it has been written, so a slow client never makes a body pile up.
 ///
-/// | written        | then                                                                          |
-/// |----------------|-------------------------------------------------------------------------------|
-/// | head           | nothing: the first piece was written with it                                  |
-/// | plain piece    | the next piece is read and written                                            |
-/// | size line      | nothing                                                                       |
-/// | chunk          | nothing: its CR LF, or the footer, was written with it                        |
-/// | CR LF of chunk | the next piece is read and written                                            |
-/// | last write     | the connection decides: this is its tag, not the transmitter's                |
+/// | written        | then                                                           |
+/// | -------------- | -------------------------------------------------------------- |
+/// | head           | nothing: the first piece was written with it                   |
+/// | plain piece    | the next piece is read and written                             |
+/// | size line      | nothing                                                        |
+/// | chunk          | nothing: its CR LF, or the footer, was written with it         |
+/// | CR LF of chunk | the next piece is read and written                             |
+/// | last write     | the connection decides: this is its tag, not the transmitter's |
 ///
-/// Owner:   the exchange, from the answer on. Keeps references to the socket, the response and limits.
+/// Owner:   the exchange, from the answer on. Keeps references to the socket, the response and
+///          limits.
 /// Queue:   the connection's.
 class Transmitter {
  public:
@@ -58,8 +59,8 @@ class Transmitter {
   Progress didWrite(int64_t tag);
 
  private:
-  // How the body is framed. Ranges of the body are to be strategies of their own; a request's "Range"
-  // field is not asked before.
+  // How the body is framed. Ranges of the body are to be strategies of their own; a request's
+  // "Range" field is not asked before.
   enum class Strategy : uint8_t { kPlain, kChunked };
 
   Strategy chooseStrategy() const;

@@ -1,8 +1,8 @@
 #include "platform/clock.h"
 
-#include <ctime>
-
+#include <algorithm>
 #include <atomic>
+#include <ctime>
 
 namespace vel {
 namespace {
@@ -37,6 +37,18 @@ MonotonicTime coarseClockStep() noexcept {
     return static_cast<MonotonicTime>(resolution.tv_sec) * 1'000'000'000 + resolution.tv_nsec;
   }();
   return step;
+}
+
+MonotonicTime timeAfter(MonotonicTime now, std::chrono::nanoseconds delay) noexcept {
+  const MonotonicTime length = std::max<MonotonicTime>(delay.count(), 0);
+  const MonotonicTime start = now + coarseClockStep();
+  return length < kNever - start ? start + length : kNever - 1;
+}
+
+MonotonicTime timeAfter(MonotonicTime now, std::chrono::milliseconds delay) noexcept {
+  constexpr auto kLongest =
+      std::chrono::floor<std::chrono::milliseconds>(std::chrono::nanoseconds(kNever));
+  return timeAfter(now, std::chrono::nanoseconds(std::min(delay, kLongest)));
 }
 
 MonotonicTime preciseNow() noexcept { return read(CLOCK_MONOTONIC); }

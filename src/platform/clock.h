@@ -18,6 +18,11 @@ MonotonicTime coarseClockStep() noexcept;
 /// Precise.
 MonotonicTime preciseNow() noexcept;
 
+/// The coarse time that is `delay` after `now`, and never early by the precise clock; the last one before
+/// `kNever` when it is beyond what the clock counts.
+MonotonicTime timeAfter(MonotonicTime now, std::chrono::nanoseconds delay) noexcept;
+MonotonicTime timeAfter(MonotonicTime now, std::chrono::milliseconds delay) noexcept;
+
 /// Pushes both clocks forward for the rest of the process. For tests: the loops must be woken by other
 /// work to notice.
 void advanceClock(std::chrono::nanoseconds step) noexcept;

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,20 +24,32 @@ Connector::Connector(std::shared_ptr<TcpSocket> socket, std::string host, uint16
 Connector::~Connector() { Deadline::remove(); }
 
 void Connector::start() {
-  socket_->queue_->async([self = shared_from_this()] {
-    if (self->socket_ && self->timeout_.count() >= 0) {
-      self->arm(*self->socket_->queue_, self->timeout_);
-    }
-  });
+  if (timeout_.count() >= 0) {
+    due_ = timeAfter(coarseNow(), timeout_);
+    armAt(*socket_->queue_, due_);
+  }
   // The system's look-up blocks; it gets a thread of its own.
-  std::thread([self = shared_from_this(), queue = socket_->queue_] {
+  const auto look_up = [self = shared_from_this(), socket = socket_] {
     blockAllSignals();
     VELError error;
     std::vector<RawAddress> addresses = addressesOfHost(self->host_, self->port_, &error);
-    queue->async([self, addresses = std::move(addresses), error = std::move(error)] {
-      self->lookUpDidEnd(addresses, error);
-    });
-  }).detach();
+    socket->postCall([self, addresses = std::move(addresses), error = std::move(error)](
+                         TcpSocket&) { self->lookUpDidEnd(addresses, error); });
+  };
+  try {
+    std::thread(look_up).detach();
+  } catch (const std::system_error& failure) {
+    fail(VELError(VELPOSIXErrorDomain, failure.code().value(), failure.what()));
+  }
+}
+
+void Connector::queueWillChange(EventLoop& from, VELSerialQueue& queue) {
+  Deadline::remove();
+  if (due_ != kNever) armAt(queue, due_);
+  EventLoop& to = QueueRunner::loopOf(queue);
+  if (fd_ < 0 || &from == &to) return;
+  from.remove(fd_);
+  if (!to.add(fd_, *socket_)) fail(VELError(VELPOSIXErrorDomain, errno, std::strerror(errno)));
 }
 
 void Connector::cancel() {

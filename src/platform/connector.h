@@ -13,22 +13,25 @@
 
 namespace vel {
 
+class EventLoop;
 class TcpSocket;
 
-/// Owner:   its socket; the thread that looks the name up holds it too.
-/// Queue:   the socket's, but for that thread.
+/// Owner:   its socket; the thread that looks the name up holds both.
+/// Queue:   the socket's.
 class Connector final : private Deadline, public std::enable_shared_from_this<Connector> {
  public:
   Connector(std::shared_ptr<TcpSocket> socket, std::string host, uint16_t port,
             std::chrono::milliseconds timeout);
   ~Connector() override;
 
-  /// Begins; may be called on any thread.
+  /// Begins.
   void start();
   /// Ends without a word.
   void cancel();
   /// The descriptor at hand has become writable or failed.
   void handleReadiness(bool is_writable, bool has_failed);
+  /// The socket goes from the loop `from` to `queue`.
+  void queueWillChange(EventLoop& from, VELSerialQueue& queue);
 
  private:
   void lookUpDidEnd(std::vector<RawAddress> addresses, VELError error);
@@ -43,6 +46,7 @@ class Connector final : private Deadline, public std::enable_shared_from_this<Co
   const std::string host_;
   const uint16_t port_;
   const std::chrono::milliseconds timeout_;
+  MonotonicTime due_ = kNever;
   std::vector<RawAddress> addresses_;
   size_t next_ = 0;
   int fd_ = -1;

@@ -22,14 +22,17 @@ struct DeadlineFiring final : QueueNode {
     deadline.disarm();
     deadline.deadlineDidFire();
   }
-  void dropNode() noexcept override { delete this; }
+  void dropNode() noexcept override {
+    const std::unique_ptr<DeadlineFiring> self(this);
+    deadline.deadlineWillNeverFire();
+  }
 
   std::shared_ptr<void> owner;
   Deadline& deadline;
 };
 
 void Deadline::arm(VELSerialQueue& queue, std::chrono::nanoseconds delay) {
-  armAt(queue, coarseNow() + coarseClockStep() + std::max<MonotonicTime>(delay.count(), 0));
+  armAt(queue, timeAfter(coarseNow(), delay));
 }
 
 void Deadline::armAt(VELSerialQueue& queue, MonotonicTime due) {
@@ -49,18 +52,27 @@ void Deadline::remove() noexcept {
 }
 
 void DeadlineWheel::place(Deadline& deadline) {
+  bool never_fires = false;
   {
     std::lock_guard lock(mutex_);
+    never_fires = is_dropped_;
     const MonotonicTime due = deadline.due_.load(std::memory_order_seq_cst);
     if (deadline.placed_.load(std::memory_order_relaxed) <= due) return;
-    if (deadline.placed_.load(std::memory_order_relaxed) != kNever) unlink(deadline);
-    deadline.wheel_.store(this, std::memory_order_relaxed);
-    // A place before the part that was seen already would be found one round late.
-    link(deadline, std::max(due, seen_until_));
-    if (due >= next_due_.load(std::memory_order_relaxed)) return;
-    next_due_.store(due, std::memory_order_seq_cst);
+    if (!never_fires && !insert(deadline, due)) return;
   }
-  loop_.wakeForDeadline();
+  if (never_fires) return deadline.deadlineWillNeverFire();
+  loop_.wakeIfAsleep();
+}
+
+// True when the loop must wake earlier for it than it would.
+bool DeadlineWheel::insert(Deadline& deadline, MonotonicTime due) noexcept {
+  if (deadline.placed_.load(std::memory_order_relaxed) != kNever) unlink(deadline);
+  deadline.wheel_.store(this, std::memory_order_relaxed);
+  // A place before the part that was seen already would be found one round late.
+  link(deadline, std::max(due, seen_until_));
+  if (due >= next_due_.load(std::memory_order_relaxed)) return false;
+  next_due_.store(due, std::memory_order_seq_cst);
+  return true;
 }
 
 void DeadlineWheel::remove(Deadline& deadline) noexcept {
@@ -113,7 +125,7 @@ void DeadlineWheel::fire(MonotonicTime now) {
   {
     std::lock_guard lock(mutex_);
     const MonotonicTime from = std::max(seen_until_, now - kSlotWidth * MonotonicTime{kSlots - 1});
-    // Entries that move on may land in the slot at hand, so each slot is taken off before it is walked.
+    // Entries that move on to the slot at hand go in front of those that are still to be looked at.
     for (MonotonicTime time = from - from % kSlotWidth; time <= now; time += kSlotWidth) {
       Deadline* entry = slots_[slotOf(time)];
       while (entry != nullptr) {
@@ -135,6 +147,10 @@ void DeadlineWheel::fire(MonotonicTime now) {
 }
 
 void DeadlineWheel::drop() noexcept {
+  {
+    std::lock_guard lock(mutex_);
+    is_dropped_ = true;
+  }
   while (true) {
     Deadline* entry = nullptr;
     std::shared_ptr<void> owner;

@@ -42,6 +42,7 @@ class DeadlineWheel {
   }
 
   // All of these expect the lock to be held.
+  bool insert(Deadline& deadline, MonotonicTime due) noexcept;
   void link(Deadline& deadline, MonotonicTime place) noexcept;
   void unlink(Deadline& deadline) noexcept;
   // Moves an entry that was looked at before its time; true when it is due at `now` and unlinked.
@@ -56,6 +57,7 @@ class DeadlineWheel {
   std::array<uint64_t, kSlots / 64> occupied_{};
   size_t count_ = 0;
   MonotonicTime seen_until_ = 0;
+  bool is_dropped_ = false;
 };
 
 }  // namespace vel

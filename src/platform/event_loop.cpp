@@ -49,7 +49,8 @@ uint32_t readinessOf(uint32_t events) noexcept {
 
 void EventSource::notify(uint32_t readiness) {
   VELSerialQueue* queue = sourceQueue();
-  if (pending_.fetch_or(readiness, std::memory_order_acq_rel) == 0) QueueRunner::post(*queue, *this);
+  if (pending_.fetch_or(readiness, std::memory_order_acq_rel) == 0)
+    QueueRunner::post(*queue, *this);
 }
 
 bool EventSource::retire() noexcept {
@@ -100,17 +101,17 @@ bool EventLoop::add(int fd, EventSource& source) noexcept {
 void EventLoop::remove(int fd) noexcept { epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr); }
 
 void EventLoop::list(std::shared_ptr<VELSerialQueue> queue) {
-  if (stop_.load(std::memory_order_relaxed)) return QueueRunner::dropWork(*queue);
   auto* listing = new Listing{std::move(queue)};
   Listing* newest = posted_.load(std::memory_order_relaxed);
   do {
     listing->next = newest == asleep<Listing>() ? nullptr : newest;
-  } while (!posted_.compare_exchange_weak(newest, listing, std::memory_order_release,
+  } while (!posted_.compare_exchange_weak(newest, listing, std::memory_order_seq_cst,
                                           std::memory_order_relaxed));
   if (newest == asleep<Listing>()) wake();
+  if (is_dropped_.load(std::memory_order_seq_cst)) dropPosted();
 }
 
-void EventLoop::wakeForDeadline() noexcept {
+void EventLoop::wakeIfAsleep() noexcept {
   Listing* newest = asleep<Listing>();
   if (posted_.compare_exchange_strong(newest, nullptr, std::memory_order_seq_cst)) wake();
 }
@@ -122,21 +123,22 @@ void EventLoop::wake() noexcept {
 }
 
 void EventLoop::bury(std::vector<std::shared_ptr<void>> objects) {
-  std::lock_guard lock(graves_mutex_);
-  std::move(objects.begin(), objects.end(), std::back_inserter(graves_));
-  has_graves_.store(true, std::memory_order_release);
-}
-
-// What lies in the graves may run code of the host when it goes away, so that happens inside, after the
-// batch; another thread may take the loop meanwhile.
-void EventLoop::emptyGraves() {
-  std::vector<std::shared_ptr<void>> graves;
   {
     std::lock_guard lock(graves_mutex_);
-    graves.swap(graves_);
-    has_graves_.store(false, std::memory_order_relaxed);
+    std::move(objects.begin(), objects.end(), std::back_inserter(graves_));
+    has_graves_.store(true, std::memory_order_seq_cst);
   }
-  graves.clear();
+  wakeIfAsleep();
+}
+
+// Taken between two batches, never inside: who has lost the loop must not take what an event of a later
+// batch can name.
+std::vector<std::shared_ptr<void>> EventLoop::takeGraves() noexcept {
+  std::vector<std::shared_ptr<void>> graves;
+  std::lock_guard lock(graves_mutex_);
+  graves.swap(graves_);
+  has_graves_.store(false, std::memory_order_relaxed);
+  return graves;
 }
 
 /// Runs `work` as one handler; false when the loop was taken meanwhile and must not be touched any more.
@@ -215,13 +217,15 @@ int EventLoop::waitingTime() const noexcept {
 
 void EventLoop::wait() {
   Listing* none = nullptr;
-  const bool waits = !stop_.load(std::memory_order_relaxed) && waitingTime() != 0 &&
-                     posted_.compare_exchange_strong(none, asleep<Listing>(),
-                                                     std::memory_order_seq_cst);
+  const bool waits =
+      !stop_.load(std::memory_order_relaxed) && waitingTime() != 0 &&
+      posted_.compare_exchange_strong(none, asleep<Listing>(), std::memory_order_seq_cst);
   if (waits) word_.store(wordOf(beat_, LoopState::kIdle), std::memory_order_release);
-  // The time is looked up again: a deadline armed before the marker stood found nobody to wake.
+  // These are looked up again: a deadline armed, or a grave made, before the marker stood found nobody
+  // to wake.
+  const bool has_graves = has_graves_.load(std::memory_order_seq_cst);
   const int count = epoll_wait(epoll_, batch_->events.data(), Batch::kCapacity,
-                               waits ? waitingTime() : 0);
+                               waits && !has_graves ? waitingTime() : 0);
   if (waits) {
     word_.exchange(wordOf(beat_, LoopState::kOut), std::memory_order_seq_cst);
     pool_.watcher().noteActivity();
@@ -241,7 +245,11 @@ void EventLoop::drive(ThreadRecord& thread) {
       wheel_.fire(coarseNow());
       if (!runListed(thread)) return;
     }
-    if (has_graves_.load(std::memory_order_acquire) && !inside([this] { emptyGraves(); })) return;
+    if (has_graves_.load(std::memory_order_acquire)) {
+      // What lies there may run code of the host when it goes away.
+      std::vector<std::shared_ptr<void>> graves = takeGraves();
+      if (!inside([&graves] { graves.clear(); })) return;
+    }
     wait();
   }
 }
@@ -252,20 +260,31 @@ void EventLoop::requestStop() noexcept {
 }
 
 void EventLoop::dropWork() noexcept {
-  takePosted();
+  is_dropped_.store(true, std::memory_order_seq_cst);
   while (Listing* listing = listed_first_.load(std::memory_order_relaxed)) {
     listed_first_.store(listing->next, std::memory_order_relaxed);
     const std::unique_ptr<Listing> owned(listing);
-    QueueRunner::dropWork(*owned->queue);
+    QueueRunner::dropListed(*owned->queue);
   }
+  dropPosted();
   wheel_.drop();
-  emptyGraves();
+  while (has_graves_.load(std::memory_order_acquire)) takeGraves().clear();
+}
+
+// Any thread may come here at the same time: each takes a list of its own.
+void EventLoop::dropPosted() noexcept {
+  Listing* listing = posted_.exchange(nullptr, std::memory_order_seq_cst);
+  while (listing != nullptr && listing != asleep<Listing>()) {
+    const std::unique_ptr<Listing> owned(listing);
+    listing = owned->next;
+    QueueRunner::dropListed(*owned->queue);
+  }
 }
 
 bool EventLoop::take(uint64_t word) noexcept {
-  return word_.compare_exchange_strong(word, (word & ~uint64_t{3}) |
-                                                 static_cast<uint64_t>(LoopState::kTaken),
-                                       std::memory_order_acq_rel);
+  return word_.compare_exchange_strong(
+      word, (word & ~uint64_t{3}) | static_cast<uint64_t>(LoopState::kTaken),
+      std::memory_order_acq_rel);
 }
 
 bool EventLoop::hasWorkWaiting() const noexcept {

@@ -96,8 +96,8 @@ class EventLoop {
   void list(std::shared_ptr<VELSerialQueue> queue);
   /// Frees `objects` once no event of the present batch can name them.
   void bury(std::vector<std::shared_ptr<void>> objects);
-  /// Lets a waiting loop look at its deadlines.
-  void wakeForDeadline() noexcept;
+  /// Lets a waiting loop look at its deadlines and graves.
+  void wakeIfAsleep() noexcept;
 
   /// Runs the loop until it is taken by another thread or stopped.
   void drive(ThreadRecord& thread);
@@ -106,7 +106,7 @@ class EventLoop {
   void dropWork() noexcept;
 
   // For the watcher.
-  uint64_t word() const noexcept { return word_.load(std::memory_order_acquire); }
+  uint64_t word() const noexcept { return word_.load(std::memory_order_seq_cst); }
   static LoopState stateOf(uint64_t word) noexcept { return static_cast<LoopState>(word & 3); }
   /// Takes the loop away from a thread that was seen inside the handler of `word`.
   bool take(uint64_t word) noexcept;
@@ -128,7 +128,8 @@ class EventLoop {
   bool dispatchEvent(EventSource& source, uint32_t readiness, ThreadRecord& thread);
   bool runListed(ThreadRecord& thread);
   void takePosted() noexcept;
-  void emptyGraves();
+  void dropPosted() noexcept;
+  std::vector<std::shared_ptr<void>> takeGraves() noexcept;
   void wait();
   int waitingTime() const noexcept;
   void wake() noexcept;
@@ -140,6 +141,8 @@ class EventLoop {
   std::atomic<uint64_t> word_;
   std::atomic<const PoolThread*> driver_{nullptr};
   std::atomic<bool> stop_{false};
+  // Nobody will run what is posted any more.
+  std::atomic<bool> is_dropped_{false};
   // Newest listing first, or the marker for "waits in the kernel".
   std::atomic<Listing*> posted_{nullptr};
 

@@ -54,11 +54,10 @@ bool hasRunOut(int error) {
 }  // namespace
 
 // One listening descriptor. Lives until its loop can no longer name it.
-class ListeningPort final : public EventSource,
-                            public std::enable_shared_from_this<ListeningPort> {
+class ListeningPort final : public EventSource, public std::enable_shared_from_this<ListeningPort> {
  public:
-  ListeningPort(int fd, TcpSocket& socket, std::shared_ptr<VELSerialQueue> queue)
-      : fd_(fd), socket_(&socket), queue_(std::move(queue)) {
+  ListeningPort(int fd, std::weak_ptr<TcpSocket> socket, std::shared_ptr<VELSerialQueue> queue)
+      : fd_(fd), socket_(std::move(socket)), queue_(std::move(queue)) {
     setSourceQueue(queue_.get());
   }
   ~ListeningPort() override {
@@ -77,24 +76,23 @@ class ListeningPort final : public EventSource,
     QueueRunner::loopOf(*queue_).remove(fd_);
     ::close(fd_);
     fd_ = -1;
-    socket_ = nullptr;
     if (!self_ || !retire()) return;
     if (QueueFrame* frame = QueueFrame::heldByThisThread(queue_.get())) {
       frame->bury(std::move(self_));
     } else {
-      // The socket itself is going away: no thread holds its queue.
+      // The loops have stopped: nobody runs the queue any more.
       QueueRunner::loopOf(*queue_).bury({std::move(self_)});
     }
   }
 
-  VELSocketAddress address() const { return localAddressOf(fd_); }
-
   void handleReadiness(uint32_t, QueueFrame&) override {
-    if (paused_) return;
+    // A socket that is gone has left its ports to the queue, which is about to close them.
+    const std::shared_ptr<TcpSocket> socket = socket_.lock();
+    if (paused_ || !socket) return;
     for (int i = 0; i < kAcceptsPerRun && fd_ >= 0; ++i) {
       const int fd = accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd >= 0) {
-        socket_->didAccept(fd);
+        hand(*socket, fd);
       } else if (hasRunOut(errno)) {
         return pause(errno);
       } else if (errno == EAGAIN) {
@@ -110,6 +108,16 @@ class ListeningPort final : public EventSource,
   }
 
  private:
+  // The connections behind one whose delegate throws still get their turn.
+  void hand(TcpSocket& socket, int fd) {
+    try {
+      socket.didAccept(fd);
+    } catch (...) {
+      if (fd_ >= 0) notify(kReadable);
+      throw;
+    }
+  }
+
   void pause(int error) {
     if (!pause_was_logged_) {
       logLine(std::string("Accepting connections pauses: ") + std::strerror(error));
@@ -123,7 +131,7 @@ class ListeningPort final : public EventSource,
   }
 
   int fd_;
-  TcpSocket* socket_;
+  const std::weak_ptr<TcpSocket> socket_;
   const std::shared_ptr<VELSerialQueue> queue_;
   bool paused_ = false;
   bool pause_was_logged_ = false;
@@ -176,25 +184,26 @@ bool Listener::open(const std::optional<std::string>& interface, uint16_t port,
   for (int i = 1; !is_open && port == 0 && error_number == EADDRINUSE && i < kPortTries; ++i) {
     is_open = openAll(addresses, port, &error_number);
   }
-  if (!is_open && !interface && (error_number == EAFNOSUPPORT || error_number == EADDRNOTAVAIL)) {
+  if (!is_open && (!interface || interface->empty()) &&
+      (error_number == EAFNOSUPPORT || error_number == EADDRNOTAVAIL)) {
     addresses = addressesOfInterface("0.0.0.0", error);
     is_open = openAll(addresses, port, &error_number);
   }
+  if (!opened_.empty()) address_ = localAddressOf(opened_.front());
   for (const int fd : opened_) {
     ports_.push_back(std::make_shared<ListeningPort>(fd, socket_, queue));
   }
   opened_.clear();
-  for (const auto& listening : ports_) is_open = is_open && listening->open();
+  for (const auto& listening : ports_) {
+    if (!is_open) break;
+    is_open = listening->open();
+    error_number = errno;
+  }
   if (!is_open) {
-    if (error_number == 0) error_number = errno;
     close();
     if (error) *error = VELError(VELPOSIXErrorDomain, error_number, std::strerror(error_number));
   }
   return is_open;
-}
-
-VELSocketAddress Listener::address() const {
-  return ports_.empty() ? VELSocketAddress{} : ports_.front()->address();
 }
 
 }  // namespace vel

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "corvane/error.h"
@@ -21,7 +22,7 @@ struct RawAddress;
 /// Owner:   a listening TcpSocket, on whose queue the connections arrive.
 class Listener {
  public:
-  explicit Listener(TcpSocket& socket) : socket_(socket) {}
+  explicit Listener(std::weak_ptr<TcpSocket> socket) : socket_(std::move(socket)) {}
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
@@ -29,13 +30,15 @@ class Listener {
   /// Binds and listens; port 0 gives every address the same port of the system's choice.
   bool open(const std::optional<std::string>& interface, uint16_t port,
             const std::shared_ptr<VELSerialQueue>& queue, VELError* error);
-  VELSocketAddress address() const;
+  /// Where it listened first. Queue: any, once it is open.
+  const VELSocketAddress& address() const noexcept { return address_; }
+  void close();
 
  private:
   bool openAll(std::vector<RawAddress>& addresses, uint16_t port, int* error_number);
-  void close();
 
-  TcpSocket& socket_;
+  const std::weak_ptr<TcpSocket> socket_;
+  VELSocketAddress address_;
   std::vector<int> opened_;
   std::vector<std::shared_ptr<ListeningPort>> ports_;
 };

@@ -94,12 +94,19 @@ LoopPool::~LoopPool() { stop(); }
 
 void LoopPool::start() {
   std::lock_guard lock(mutex_);
-  self_ = shared_from_this();
-  for (const auto& loop : loops_) {
-    threads_.push_back(std::make_unique<PoolThread>(*this));
-    threads_.back()->assign(loop.get());
+  // A thread that cannot be started must not leave others behind that wait for a loop.
+  std::list<std::unique_ptr<PoolThread>> made;
+  try {
+    for (size_t i = 0; i < loops_.size(); ++i) made.push_back(std::make_unique<PoolThread>(*this));
+    if (options_.watches) watcher_.start();
+  } catch (...) {
+    for (const auto& thread : made) thread->assign(nullptr);
+    throw;
   }
-  if (options_.watches) watcher_.start();
+  self_ = shared_from_this();
+  threads_ = std::move(made);
+  auto thread = threads_.begin();
+  for (const auto& loop : loops_) (*thread++)->assign(loop.get());
 }
 
 bool LoopPool::isPoolThread() const {
@@ -113,17 +120,20 @@ void LoopPool::stop() {
     throw VELException(VELInvalidArgumentException,
                        "Event loops cannot be stopped on one of their own threads.");
   }
-  watcher_.stop();
-  std::list<std::unique_ptr<PoolThread>> threads;
   {
     std::lock_guard lock(mutex_);
     if (stopped_) return;
     stopped_ = true;
     for (PoolThread* spare : spares_) spare->assign(nullptr);
     spares_.clear();
+  }
+  watcher_.stop();
+  for (const auto& loop : loops_) loop->requestStop();
+  std::list<std::unique_ptr<PoolThread>> threads;
+  {
+    std::lock_guard lock(mutex_);
     threads.swap(threads_);
   }
-  for (const auto& loop : loops_) loop->requestStop();
   threads.clear();
   for (const auto& loop : loops_) loop->dropWork();
 }
@@ -208,8 +218,7 @@ VELEventLoops::VELEventLoops(size_t count) {
 VELEventLoops::~VELEventLoops() { pool_->letGo(); }
 
 const std::shared_ptr<VELEventLoops>& VELEventLoops::sharedLoops() {
-  static const auto* shared =
-      new std::shared_ptr<VELEventLoops>(std::make_shared<VELEventLoops>());
+  static const auto* shared = new std::shared_ptr<VELEventLoops>(std::make_shared<VELEventLoops>());
   return *shared;
 }
 

@@ -8,7 +8,7 @@ namespace {
 // Starts a time-out unless it runs already.
 MonotonicTime started(MonotonicTime due, std::chrono::milliseconds timeout, MonotonicTime now) {
   if (due != kNever || timeout.count() < 0) return due;
-  return now + coarseClockStep() + std::chrono::nanoseconds(timeout).count();
+  return timeAfter(now, timeout);
 }
 
 }  // namespace
@@ -18,12 +18,14 @@ void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t t
   unsent_ += length;
   const bool in_line = first_item_ < items_.size();
   if (in_line || length > kSmall || gathered() + length > kGather) {
-    items_.push_back({std::move(data), timeout, kNever, tag});
+    // Copied, not moved: borrowed bytes must not wait here.
+    items_.push_back({data, timeout, kNever, tag});
     if (length == 0) didSend(0);
     return;
   }
+  const uint64_t begin = gather_base_ + gather_.size();
   gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
-  if (timeout.count() >= 0) marks_.push_back({gather_base_ + gather_.size(), timeout, kNever});
+  if (timeout.count() >= 0) marks_.push_back({begin, begin + length, timeout, kNever});
   done_.push_back(tag);
 }
 
@@ -51,6 +53,7 @@ void Outgoing::didSend(size_t length) {
     gather_.clear();
     gather_sent_ = 0;
     marks_.clear();
+    first_mark_ = 0;
   }
   if (gathered() > 0) return;
   while (first_item_ < items_.size()) {
@@ -70,19 +73,25 @@ void Outgoing::didSend(size_t length) {
   first_item_ = 0;
 }
 
-MonotonicTime Outgoing::earliestDue(MonotonicTime now) {
-  MonotonicTime earliest = kNever;
-  const uint64_t sent = gather_base_ + gather_sent_;
-  std::erase_if(marks_, [sent](const Mark& mark) { return mark.end <= sent; });
-  for (Mark& mark : marks_) {
-    mark.due = started(mark.due, mark.timeout, now);
-    earliest = std::min(earliest, mark.due);
+MonotonicTime Outgoing::due(MonotonicTime now) {
+  if (gathered() > 0) {
+    const uint64_t sent = gather_base_ + gather_sent_;
+    while (first_mark_ < marks_.size() && marks_[first_mark_].end <= sent) ++first_mark_;
+    if (first_mark_ == marks_.size() || marks_[first_mark_].begin > sent) return kNever;
+    Mark& mark = marks_[first_mark_];
+    return mark.due = started(mark.due, mark.timeout, now);
   }
-  for (size_t i = first_item_; i < items_.size(); ++i) {
-    items_[i].due = started(items_[i].due, items_[i].timeout, now);
-    earliest = std::min(earliest, items_[i].due);
+  if (first_item_ == items_.size()) return kNever;
+  Item& item = items_[first_item_];
+  return item.due = started(item.due, item.timeout, now);
+}
+
+void Outgoing::copyTo(std::string* text) const {
+  text->append(gather_.begin() + static_cast<ptrdiff_t>(gather_sent_), gather_.end());
+  size_t sent = item_sent_;
+  for (size_t i = first_item_; i < items_.size(); ++i, sent = 0) {
+    text->append(items_[i].data.view().substr(sent));
   }
-  return earliest;
 }
 
 void Outgoing::clear() noexcept {
@@ -90,6 +99,7 @@ void Outgoing::clear() noexcept {
   gather_sent_ = 0;
   gather_base_ = 0;
   marks_.clear();
+  first_mark_ = 0;
   items_.clear();
   first_item_ = 0;
   item_sent_ = 0;
@@ -105,6 +115,10 @@ void Outgoing::shrink() {
     gather_sent_ = 0;
   }
   if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrink_to_fit();
+  if (first_item_ > items_.size() / 2) {
+    items_.erase(items_.begin(), items_.begin() + static_cast<ptrdiff_t>(first_item_));
+    first_item_ = 0;
+  }
   if (told_ == done_.size()) {
     done_.clear();
     told_ = 0;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "corvane/data.h"
@@ -46,8 +47,12 @@ class Outgoing {
   /// The tag of the next write that counts as written.
   int64_t takeDone() noexcept { return done_[told_++]; }
 
-  /// Starts the time-outs of what is left at `now`, unless they run already, and tells the earliest.
-  MonotonicTime earliestDue(MonotonicTime now);
+  /// When the time of the first write that the system has not taken whole is up. It starts now unless it
+  /// runs already; the time of a write begins when all that comes before it has been taken.
+  MonotonicTime due(MonotonicTime now);
+
+  /// Appends all that is left to send to `text`.
+  void copyTo(std::string* text) const;
 
   /// Makes it new, keeping what memory is worth keeping.
   void clear() noexcept;
@@ -61,8 +66,10 @@ class Outgoing {
     MonotonicTime due;
     int64_t tag;
   };
-  // The time-out of what lies in the buffer up to `end`, counted from the first byte ever gathered.
+  // The time-out of what lies in the buffer between two places, counted from the first byte ever
+  // gathered.
   struct Mark {
+    uint64_t begin;
     uint64_t end;
     std::chrono::milliseconds timeout;
     MonotonicTime due;
@@ -74,6 +81,7 @@ class Outgoing {
   size_t gather_sent_ = 0;
   uint64_t gather_base_ = 0;  // bytes that left the buffer before its present content
   std::vector<Mark> marks_;
+  size_t first_mark_ = 0;
   std::vector<Item> items_;
   size_t first_item_ = 0;
   size_t item_sent_ = 0;

@@ -32,7 +32,11 @@ QueueNode* nodeOf(uintptr_t word) noexcept {
 
 }  // namespace
 
-ThreadRecord::~ThreadRecord() { t_record = nullptr; }
+// Who looks for a circle may have found this record in a queue that the thread held a moment ago.
+ThreadRecord::~ThreadRecord() {
+  std::lock_guard lock(waitingMutex());
+  t_record = nullptr;
+}
 
 ThreadRecord& ThreadRecord::current() noexcept {
   return t_record != nullptr ? *t_record : makeThreadRecord();
@@ -326,6 +330,23 @@ void QueueRunner::sync(VELSerialQueue& queue, const std::function<void()>& work)
   }
   freeByForeign(queue);
   if (exception) std::rethrow_exception(exception);
+}
+
+void QueueRunner::dropListed(VELSerialQueue& queue) noexcept {
+  // Who holds the queue comes here by itself when it gives it free.
+  if (!holdListed(queue)) return;
+  queue.owner_.store(&ThreadRecord::current(), std::memory_order_relaxed);
+  do {
+    takeInbox(queue);
+    while (QueueNode* node = popFirst(queue)) {
+      if (node->kind == QueueNode::Kind::kWaiter) {
+        queue.owner_.store(nullptr, std::memory_order_relaxed);
+        return static_cast<Waiter*>(node)->grant();
+      }
+      node->dropNode();
+    }
+    queue.owner_.store(nullptr, std::memory_order_relaxed);
+  } while (!tryFree(queue));
 }
 
 void QueueRunner::dropWork(VELSerialQueue& queue) noexcept {

@@ -101,7 +101,9 @@ class QueueRunner {
   static bool isHeldByThisThread(const VELSerialQueue& queue) noexcept;
   /// Runs what asked for the end of the turn.
   static void endTurn(QueueFrame& frame) noexcept;
-  /// Drops what was never run, when its loop has stopped.
+  /// Drops what waits in a listed queue whose loop has stopped; callers of `sync` still get their turn.
+  static void dropListed(VELSerialQueue& queue) noexcept;
+  /// Drops what was never run. Queue: `queue` is going away.
   static void dropWork(VELSerialQueue& queue) noexcept;
 
  private:

@@ -18,23 +18,15 @@
 namespace vel {
 namespace {
 
-// Guards which queue a socket belongs to. A leaf, taken only off the queue and when the queue changes.
-std::mutex& queueMutex() {
-  static auto* mutex = new std::mutex;
-  return *mutex;
-}
-
 // How long a closed connection goes on taking in what the peer sends.
 constexpr MonotonicTime kLingerTime = 2'000'000'000;
 
-// The usual terminator, shared by all reads that use it.
-const std::shared_ptr<const VELData>& sharedCRLF() {
-  static const auto* data =
-      new std::shared_ptr<const VELData>(std::make_shared<VELData>(VELSocket::CRLFData()));
-  return *data;
-}
-
 }  // namespace
+
+std::mutex& TcpSocket::queueMutex() {
+  static auto* mutex = new std::mutex;
+  return *mutex;
+}
 
 TcpSocket::TcpSocket(std::weak_ptr<VELSocketDelegate> delegate,
                      std::shared_ptr<VELSerialQueue> queue)
@@ -49,6 +41,10 @@ TcpSocket::TcpSocket(int fd, std::shared_ptr<VELSerialQueue> queue)
 
 TcpSocket::~TcpSocket() {
   Deadline::remove();
+  if (listener_ && !queue_->isCurrent()) {
+    // Its ports may be accepting just now; they find that the socket is gone, and close there.
+    queue_->async([listener = std::move(listener_)] {});
+  }
   const int fd = fd_.load(std::memory_order_relaxed);
   if (fd >= 0) ::close(fd);
 }
@@ -58,10 +54,19 @@ TcpSocket::Extras& TcpSocket::extras() {
   return *extras_;
 }
 
-// This thread's hold on the socket; none when a call has to be posted.
+// This thread's hold on the socket; none when a call has to be posted. The queue is looked up first: who
+// sees the new one sees the move, too.
 QueueFrame* TcpSocket::holdingFrame() const noexcept {
-  if (move_state_.load(std::memory_order_acquire) == MoveState::kUnderWay) return nullptr;
-  return QueueFrame::heldByThisThread(sourceQueue());
+  QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue());
+  const bool is_moving = move_state_.load(std::memory_order_acquire) == MoveState::kUnderWay;
+  return is_moving ? nullptr : frame;
+}
+
+// What nobody else keeps alive until the end of the turn is kept by the turn.
+void TcpSocket::seeToTurnEnd(QueueFrame& frame) {
+  if (is_serving_ || isListed()) return;
+  if (!self_) frame.bury(shared_from_this());
+  frame.listTurnEnd(*this);
 }
 
 // Runs `call` here when this thread holds the socket's queue, else posts it there.
@@ -69,38 +74,42 @@ template <class Call>
 void TcpSocket::onQueue(Call&& call) {
   if (QueueFrame* frame = holdingFrame()) {
     call(*this);
-    if (!is_serving_) frame->listTurnEnd(*this);
+    seeToTurnEnd(*frame);
   } else {
     postCall(std::forward<Call>(call));
   }
 }
 
 void TcpSocket::postCall(std::function<void(TcpSocket&)> call) {
-  std::shared_ptr<VELSerialQueue> queue;
-  {
-    std::lock_guard lock(queueMutex());
-    if (move_) {
-      move_->calls.push_back(std::move(call));
-      return;
-    }
-    queue = queue_;
+  is_used_.store(true, std::memory_order_release);
+  // Posted under the lock, so that calls that come before a change of queue run before it.
+  std::lock_guard lock(queueMutex());
+  if (move_) {
+    move_->calls.push_back(std::move(call));
+  } else {
+    queue_->async([self = shared_from_this(), call = std::move(call)] { self->runCall(call); });
   }
-  queue->async([self = shared_from_this(), call = std::move(call)] { self->runCall(call); });
 }
 
-void TcpSocket::runCall(const std::function<void(TcpSocket&)>& call) {
-  onQueue(call);
-}
+void TcpSocket::runCall(const std::function<void(TcpSocket&)>& call) { onQueue(call); }
 
 bool TcpSocket::acceptOnInterface(const std::optional<std::string>& interface, uint16_t port,
                                   VELError* error) {
+  if (holdingFrame() == nullptr) {
+    bool accepts = false;
+    delegateQueue()->sync([&] { accepts = acceptOnInterface(interface, port, error); });
+    return accepts;
+  }
   if (state() != State::kUnused) {
-    if (error) *error = VELError(VELSocketErrorDomain, kVELSocketBadConfiguration,
-                                 "The socket is in use already.");
+    if (error)
+      *error = VELError(VELSocketErrorDomain, kVELSocketBadConfiguration,
+                        "The socket is in use already.");
     return false;
   }
-  auto listener = std::make_unique<Listener>(*this);
+  auto listener = std::make_shared<Listener>(weak_from_this());
   if (!listener->open(interface, port, queue_, error)) return false;
+  is_used_.store(true, std::memory_order_release);
+  std::lock_guard lock(queueMutex());
   listener_ = std::move(listener);
   state_ = State::kListening;
   return true;
@@ -108,8 +117,11 @@ bool TcpSocket::acceptOnInterface(const std::optional<std::string>& interface, u
 
 bool TcpSocket::connectToHost(const std::string& host, uint16_t port,
                               std::chrono::milliseconds timeout, VELError* error) {
-  const bool in_use = state() != State::kUnused;
-  if (in_use || host.empty() || port == 0) {
+  State unused = State::kUnused;
+  const bool can_connect = !host.empty() && port != 0;
+  const bool in_use = can_connect ? !state_.compare_exchange_strong(unused, State::kConnecting)
+                                  : state() != State::kUnused;
+  if (in_use || !can_connect) {
     if (error) {
       *error = in_use ? VELError(VELSocketErrorDomain, kVELSocketBadConfiguration,
                                  "The socket is in use already.")
@@ -118,23 +130,33 @@ bool TcpSocket::connectToHost(const std::string& host, uint16_t port,
     }
     return false;
   }
-  state_ = State::kConnecting;
-  connector_ = std::make_shared<Connector>(shared_from_this(), host, port, timeout);
-  connector_->start();
+  is_used_.store(true, std::memory_order_release);
+  onQueue([connector = std::make_shared<Connector>(shared_from_this(), host, port, timeout)](
+              TcpSocket& socket) {
+    if (socket.state() != State::kConnecting) return connector->cancel();
+    socket.connector_ = connector;
+    connector->start();
+  });
   return true;
 }
 
 void TcpSocket::readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                                size_t maxLength, int64_t tag) {
-  ReadRequest request{maxLength, tag, timeout, nullptr};
-  request.terminator = terminator.view() == CRLFData().view()
-                           ? sharedCRLF()
-                           : std::make_shared<const VELData>(terminator);
-  onQueue([request = std::move(request)](TcpSocket& socket) { socket.addRead(request); });
+  const bool is_crlf = terminator.view() == CRLFData().view();
+  const ReadRequest request{maxLength, tag, timeout,
+                            is_crlf ? ReadEnd::kCRLF : ReadEnd::kTerminator};
+  if (is_crlf) {
+    onQueue([request](TcpSocket& socket) { socket.addRead(request); });
+    return;
+  }
+  onQueue([request, own = VELData(terminator)](TcpSocket& socket) {
+    socket.extras().terminators.push_back(own);
+    socket.addRead(request);
+  });
 }
 
 void TcpSocket::readDataToLength(size_t length, std::chrono::milliseconds timeout, int64_t tag) {
-  onQueue([=](TcpSocket& socket) { socket.addRead({length, tag, timeout, nullptr}); });
+  onQueue([=](TcpSocket& socket) { socket.addRead({length, tag, timeout, ReadEnd::kLength}); });
 }
 
 void TcpSocket::writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
@@ -146,13 +168,13 @@ void TcpSocket::writeData(VELData data, std::chrono::milliseconds timeout, int64
     return;
   }
   const bool takes = state() == State::kOpen || state() == State::kConnecting;
-  if (!takes || closes_after_writing_ || !open()) return;
+  if (!takes || closes_after_writing_ || (!is_registered_ && !open())) return;
   if (!outgoing_) {
-    outgoing_ = frame->driven ? frame->thread.workspace().takeOutgoing()
-                              : std::make_unique<Outgoing>();
+    outgoing_ =
+        frame->driven ? frame->thread.workspace().takeOutgoing() : std::make_unique<Outgoing>();
   }
   outgoing_->append(std::move(data), timeout, tag);
-  if (!is_serving_) frame->listTurnEnd(*this);
+  seeToTurnEnd(*frame);
 }
 
 void TcpSocket::startTLS(const VELTLSSettings& settings) {
@@ -162,8 +184,13 @@ void TcpSocket::startTLS(const VELTLSSettings& settings) {
 void TcpSocket::disconnect() {
   if (state() == State::kListening) {
     const auto stop = [this] {
-      listener_.reset();
-      state_ = State::kUnused;
+      std::shared_ptr<Listener> listener;
+      {
+        std::lock_guard lock(queueMutex());
+        listener.swap(listener_);
+        if (listener) state_ = State::kUnused;
+      }
+      if (listener) listener->close();
     };
     queue_->isCurrent() ? stop() : queue_->sync(stop);
     return;
@@ -174,38 +201,11 @@ void TcpSocket::disconnect() {
 void TcpSocket::disconnectAfterWriting() {
   if (state() == State::kListening) return disconnect();
   onQueue([](TcpSocket& socket) {
-    if (socket.state() == State::kConnecting) return socket.end(std::nullopt);
-    if (socket.state() == State::kOpen) socket.closes_after_writing_ = true;
+    if (socket.state() == State::kConnecting && !socket.outgoing_) return socket.end(std::nullopt);
+    if (socket.state() != State::kOpen && socket.state() != State::kConnecting) return;
+    socket.closes_after_writing_ = true;
+    socket.dropReads();
   });
-}
-
-void TcpSocket::setDelegate(std::weak_ptr<VELSocketDelegate> delegate,
-                            std::shared_ptr<VELSerialQueue> delegateQueue) {
-  QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue());
-  const bool is_started = is_registered_ || connector_ != nullptr || has_read_ || outgoing_ != nullptr;
-  if (is_started && frame == nullptr) {
-    this->delegateQueue()->sync([&] { setDelegate(std::move(delegate), std::move(delegateQueue)); });
-    return;
-  }
-  std::lock_guard lock(queueMutex());
-  if (!is_started || delegateQueue == queue_) {
-    delegate_ = std::move(delegate);
-    queue_ = std::move(delegateQueue);
-    setSourceQueue(queue_.get());
-    return;
-  }
-  // The present turn may be deep inside this socket: it goes over when the turn ends.
-  delegate_.reset();
-  if (!move_) move_ = std::make_unique<Move>();
-  move_->delegate = std::move(delegate);
-  move_->queue = std::move(delegateQueue);
-  move_state_.store(MoveState::kAsked, std::memory_order_release);
-  if (!is_serving_) frame->listTurnEnd(*this);
-}
-
-std::shared_ptr<VELSerialQueue> TcpSocket::delegateQueue() const {
-  std::lock_guard lock(queueMutex());
-  return move_ ? move_->queue : queue_;
 }
 
 size_t TcpSocket::unsentLength() const {
@@ -214,16 +214,19 @@ size_t TcpSocket::unsentLength() const {
 }
 
 VELSocketAddress TcpSocket::localAddress() const {
-  if (state() == State::kListening) return listener_->address();
+  if (state() == State::kListening) {
+    std::lock_guard lock(queueMutex());
+    return listener_ ? listener_->address() : VELSocketAddress{};
+  }
   return localAddressOf(fd_.load());
 }
 
 VELSocketAddress TcpSocket::peerAddress() const { return peerAddressOf(fd_.load()); }
 
 void TcpSocket::didAccept(int fd) {
-  const std::shared_ptr<VELSocketDelegate> delegate = delegate_.lock();
   auto socket = std::make_shared<TcpSocket>(fd, queue_);
-  if (delegate) delegate->socketDidAcceptNewSocket(*this, std::move(socket));
+  if (const auto delegate = delegate_.lock())
+    delegate->socketDidAcceptNewSocket(*this, std::move(socket));
 }
 
 void TcpSocket::didConnect(int fd, const std::string& host, uint16_t port) {
@@ -243,44 +246,38 @@ void TcpSocket::didFailToConnect(VELError error) {
 
 // Begins to watch the descriptor, at the first use of an accepted socket.
 bool TcpSocket::open() {
-  if (is_registered_) return true;
   if (state() != State::kOpen) return state() == State::kConnecting;
   if (!QueueRunner::loopOf(*queue_).add(fd_, *this)) {
     end(VELError(VELPOSIXErrorDomain, errno, std::strerror(errno)));
     return false;
   }
   is_registered_ = true;
+  is_used_.store(true, std::memory_order_release);
   self_ = shared_from_this();
   return true;
 }
 
-void TcpSocket::addRead(ReadRequest request) {
-  if (closes_after_writing_ || !open()) return;
+void TcpSocket::addRead(const ReadRequest& request) {
+  if (closes_after_writing_ || (!is_registered_ && !open())) return;
   if (has_read_) {
-    extras().further_reads.push_back(std::move(request));
+    extras().further_reads.push_back(request);
     return;
   }
-  read_ = std::move(request);
+  read_ = request;
   has_read_ = true;
   scanned_ = 0;
 }
 
 void TcpSocket::beginTls(const VELTLSSettings& settings) {
-  if (tls_ || !open()) return;
+  if (tls_ || (!is_registered_ && !open())) return;
   VELError error;
   auto tls = std::make_unique<Tls>();
   tls->session = TlsSession::create(settings, &error);
   is_secure_.store(true, std::memory_order_relaxed);
   if (!tls->session) return end(std::move(error));
   // What was written before goes out as it is, what was read ahead belongs to the handshake.
-  if (outgoing_) {
-    iovec vectors[Outgoing::kMostVectors];
-    const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors);
-    for (int i = 0; i < count; ++i) {
-      tls->output.append(static_cast<const char*>(vectors[i].iov_base), vectors[i].iov_len);
-    }
-    tls->plain_in_output = tls->output.size();
-  }
+  if (outgoing_) outgoing_->copyTo(&tls->output);
+  tls->plain_in_output = tls->output.size();
   tls->received = std::string(input_);
   tls->input = tls->received;
   input_ = {};
@@ -300,13 +297,10 @@ void TcpSocket::end(std::optional<VELError> error) {
   // what was written last (RFC 9112 §9.6).
   const bool lingers = closes_after_writing_ && !error && is_registered_ && !hung_up_ &&
                        !peer_finished_ && (is_readable_ || !input_.empty());
-  has_read_ = false;
-  if (extras_) extras_->further_reads.clear();
+  dropReads();
   outgoing_.reset();
-  piece_.reset();
   input_ = {};
   kept_input_.reset();
-  read_due_ = kNever;
   Deadline::disarm();
   if (lingers) {
     shutdown(fd_, SHUT_WR);
@@ -319,6 +313,15 @@ void TcpSocket::end(std::optional<VELError> error) {
   }
 }
 
+void TcpSocket::dropReads() {
+  has_read_ = false;
+  read_due_ = kNever;
+  piece_.reset();
+  if (!extras_) return;
+  extras_->further_reads.clear();
+  extras_->terminators.clear();
+}
+
 void TcpSocket::closeDescriptor() {
   state_ = State::kEnded;
   Deadline::remove();
@@ -327,58 +330,17 @@ void TcpSocket::closeDescriptor() {
     // A copy of the descriptor would keep the registration alive.
     QueueRunner::loopOf(*queue_).remove(fd);
     is_registered_ = false;
-    if (retire()) bury();
   }
   if (fd >= 0) ::close(fd);
-}
-
-void TcpSocket::bury() {
-  if (QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue())) {
-    frame->bury(std::move(self_));
-  }
+  // Events of this batch, the end of this turn and a notice on its way may all still name the socket.
+  const std::shared_ptr<TcpSocket> keep = shared_from_this();
+  if (QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue())) frame->bury(keep);
+  self_ = keep;
+  if (retire()) self_.reset();
 }
 
 void TcpSocket::didRetire(QueueFrame& frame) {
   if (self_) frame.bury(std::move(self_));
-}
-
-// Takes the socket to its new queue, as the last thing of a turn on the old one.
-void TcpSocket::finishMove(QueueFrame& frame) {
-  flush();
-  Deadline::remove();
-  EventLoop& from = QueueRunner::loopOf(*queue_);
-  EventLoop& to = QueueRunner::loopOf(*move_->queue);
-  const bool changes_loop = &from != &to && is_registered_;
-  if (changes_loop) from.remove(fd_);
-  std::shared_ptr<TcpSocket> keep = shared_from_this();
-  {
-    std::lock_guard lock(queueMutex());
-    frame.bury(std::move(queue_));
-    queue_ = move_->queue;
-    delegate_ = move_->delegate;
-    move_state_.store(MoveState::kUnderWay, std::memory_order_release);
-    setSourceQueue(queue_.get());
-  }
-  if (changes_loop) to.add(fd_, *this);
-  keep->notify(kServe);
-}
-
-// Makes the calls that came from other threads while the socket moved, the first thing on its new queue.
-void TcpSocket::runMovedCalls() {
-  move_state_.store(MoveState::kArriving, std::memory_order_release);
-  while (true) {
-    std::vector<std::function<void(TcpSocket&)>> calls;
-    {
-      std::lock_guard lock(queueMutex());
-      calls.swap(move_->calls);
-      if (calls.empty()) {
-        move_.reset();
-        move_state_.store(MoveState::kNone, std::memory_order_release);
-        return;
-      }
-    }
-    for (const auto& call : calls) call(*this);
-  }
 }
 
 }  // namespace vel

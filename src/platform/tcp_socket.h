@@ -1,11 +1,13 @@
 // TcpSocket: VELSocket over the sockets of the system. The public operations stand in tcp_socket.cpp, what
-// happens at the end of each turn in tcp_socket_serve.cpp, how bytes come and go in tcp_socket_io.cpp.
+// happens at the end of each turn in tcp_socket_serve.cpp, how bytes come and go in tcp_socket_io.cpp, the
+// change of queue in tcp_socket_move.cpp.
 #pragma once
 
 #include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -73,32 +75,35 @@ class TcpSocket final : public VELSocket,
   enum class State : uint8_t { kUnused, kListening, kConnecting, kOpen, kLingering, kEnded };
   enum class Fill { kGot, kWouldBlock, kEnd, kFailed };
 
+  enum class ReadEnd : uint8_t { kLength, kCRLF, kTerminator };
   struct ReadRequest {
     // Length to read, or the maximum for a terminator (0: none).
     uint64_t length = 0;
     int64_t tag = 0;
     std::chrono::milliseconds timeout{-1};
-    // None for a read of a length; points to CRLFData for the usual one.
-    std::shared_ptr<const VELData> terminator;
+    ReadEnd end = ReadEnd::kLength;
   };
   // What few sockets need.
   struct Extras {
     std::deque<ReadRequest> further_reads;
+    // Those of the reads that end at one of their own, in order.
+    std::deque<VELData> terminators;
     std::optional<VELError> end_error;
   };
   // A read of a length that is gathered over several receives.
   struct Piece {
     std::unique_ptr<uint8_t[]> bytes;
+    size_t capacity = 0;
     size_t filled = 0;
   };
   struct Tls {
     std::unique_ptr<TlsSession> session;
-    std::string received;           // ciphertext kept between turns
-    std::string_view input;         // ciphertext at hand
-    std::string output;             // ciphertext to send
+    std::string received;    // ciphertext kept between turns
+    std::string_view input;  // ciphertext at hand
+    std::string output;      // ciphertext to send
     size_t output_sent = 0;
-    size_t plain_in_output = 0;     // plain bytes that `output` stands for
-    bool may_have_more = true;      // the session was not asked for all that it holds
+    size_t plain_in_output = 0;  // plain bytes that `output` stands for
+    bool may_have_more = true;   // the session was not asked for all that it holds
     bool said_goodbye = false;
     bool told_secure = false;
   };
@@ -113,7 +118,8 @@ class TcpSocket final : public VELSocket,
   // How far a change of queue has come.
   enum class MoveState : uint8_t {
     kNone,
-    kAsked,     // the turn on the old queue goes on
+    kAsked,     // what was posted to the old queue before goes first
+    kLeaving,   // the last turn on the old queue goes on
     kUnderWay,  // the new queue has not come to the socket yet
     kArriving,  // calls made meanwhile are being made up for
   };
@@ -121,19 +127,28 @@ class TcpSocket final : public VELSocket,
   State state() const noexcept { return state_.load(std::memory_order_relaxed); }
   Extras& extras();
   QueueFrame* holdingFrame() const noexcept;
+  // Guards which queue a socket belongs to. Held around nothing but the posting of a call.
+  static std::mutex& queueMutex();
   template <class Call>
   void onQueue(Call&& call);
   void postCall(std::function<void(TcpSocket&)> call);
   void runCall(const std::function<void(TcpSocket&)>& call);
+  void seeToTurnEnd(QueueFrame& frame);
 
   // tcp_socket.cpp, on the queue
   bool open();
-  void addRead(ReadRequest request);
+  void addRead(const ReadRequest& request);
+  size_t findTerminator(std::string_view input) noexcept;
   void beginTls(const VELTLSSettings& settings);
   void end(std::optional<VELError> error);
+  void dropReads();
   void closeDescriptor();
-  void bury();
+
+  // tcp_socket_move.cpp
+  bool redirectMove(std::weak_ptr<VELSocketDelegate>& delegate,
+                    std::shared_ptr<VELSerialQueue>& queue);
   void finishMove(QueueFrame& frame);
+  void arrive();
   void runMovedCalls();
 
   // EventSource, TurnEnd, Deadline
@@ -145,14 +160,20 @@ class TcpSocket final : public VELSocket,
 
   // tcp_socket_serve.cpp
   void serve(QueueFrame& frame);
+  void serveOpen(Workspace& workspace);
   bool serveOnce(VELSocketDelegate& delegate, Workspace& workspace);
   bool serveRead(VELSocketDelegate& delegate, Workspace& workspace);
   void deliver(VELSocketDelegate& delegate, size_t length);
   bool receive(Workspace& workspace);
+  void makeRoomInPiece(Workspace& workspace);
+  bool sendNow();
+  bool isForsaken(long own_references) const noexcept;
+  void finishTurn(Workspace& workspace);
   void finishWriting();
   void keepInput();
   void linger(Workspace& workspace);
   void armDeadlines();
+  void readDidTimeOut();
   void tellEnd();
 
   // tcp_socket_io.cpp
@@ -174,6 +195,8 @@ class TcpSocket final : public VELSocket,
   std::atomic<State> state_{State::kUnused};
   std::atomic<bool> is_secure_{false};
   std::atomic<MoveState> move_state_{MoveState::kNone};
+  // Whether anybody but the maker may be at work on the socket.
+  std::atomic<bool> is_used_{false};
 
   // Touched on the queue only.
   bool is_registered_ : 1 = false;
@@ -185,15 +208,19 @@ class TcpSocket final : public VELSocket,
   bool closes_after_writing_ : 1 = false;
   bool owes_end_ : 1 = false;
   bool is_serving_ : 1 = false;
+  bool delegate_changed_ : 1 = false;
+  bool had_grace_ : 1 = false;  // the read at hand was late, but its bytes might be here
   uint32_t scanned_ = 0;        // bytes of the input known to hold no terminator
   ReadRequest read_;
   MonotonicTime read_due_ = kNever;
-  std::string_view input_;      // bytes read ahead: in kept_input_, or during a turn in the thread's buffer
+  std::string_view
+      input_;  // bytes read ahead: in kept_input_, or during a turn in the thread's buffer
   std::unique_ptr<char[]> kept_input_;
   std::unique_ptr<Piece> piece_;
   std::unique_ptr<Outgoing> outgoing_;
   std::unique_ptr<Tls> tls_;
-  std::unique_ptr<Listener> listener_;
+  // Replaced under the lock of queues.
+  std::shared_ptr<Listener> listener_;
   std::shared_ptr<Connector> connector_;
   std::unique_ptr<Extras> extras_;
   // Keeps the socket while events can name it.

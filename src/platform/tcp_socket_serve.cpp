@@ -14,12 +14,18 @@
 namespace vel {
 namespace {
 
-// Receives in one turn; a peer that sends without end lets the others have theirs.
-constexpr int kReceivesPerTurn = 8;
+// Receives and sends in one turn; a peer that sends or takes without end lets the others have theirs.
+constexpr int kRoundsPerTurn = 16;
 // A handshake's time (RFC 8446 leaves it to the application).
-constexpr MonotonicTime kHandshakeTime = 30'000'000'000;
+constexpr std::chrono::milliseconds kHandshakeTime{30'000};
+// How long the end of a TLS connection may take that the peer leaves no room for.
+constexpr std::chrono::milliseconds kGoodbyeTime{30'000};
+// How often a socket that waits without a time-out looks whether anybody is left to be told.
+constexpr std::chrono::milliseconds kLookTime{30'000};
 // A read of a length beyond this is gathered in a buffer of its own.
 constexpr size_t kPieceFrom = Workspace::kReceive / 2;
+// What such a buffer begins with at most: a peer that announces much must send it before it costs memory.
+constexpr size_t kFirstPiece = 1024 * 1024;
 
 }  // namespace
 
@@ -28,12 +34,10 @@ void TcpSocket::handleReadiness(uint32_t readiness, QueueFrame& frame) {
   if (readiness & kWritable) is_writable_ = true;
   if (readiness & kPeerFinished) peer_finished_ = true;
   if (readiness & kHungUp) hung_up_ = true;
-  frame.listTurnEnd(*this);
+  seeToTurnEnd(frame);
 }
 
 void TcpSocket::turnWillEnd(QueueFrame& frame) {
-  // The delegate may let go of the last reference meanwhile.
-  const std::shared_ptr<TcpSocket> keep = is_registered_ ? nullptr : shared_from_this();
   if (move_state_.load(std::memory_order_relaxed) == MoveState::kUnderWay) runMovedCalls();
   if (move_state_.load(std::memory_order_relaxed) == MoveState::kNone) {
     if (!frame.driven && is_registered_) {
@@ -43,7 +47,7 @@ void TcpSocket::turnWillEnd(QueueFrame& frame) {
       serve(frame);
     }
   }
-  if (move_state_.load(std::memory_order_relaxed) == MoveState::kAsked) finishMove(frame);
+  if (move_state_.load(std::memory_order_relaxed) == MoveState::kLeaving) finishMove(frame);
 }
 
 void TcpSocket::serve(QueueFrame& frame) {
@@ -51,12 +55,19 @@ void TcpSocket::serve(QueueFrame& frame) {
   // What a callback throws leaves the socket as it stands, to be served again.
   struct Serving {
     TcpSocket& socket;
-    explicit Serving(TcpSocket& served) : socket(served) { socket.is_serving_ = true; }
+    QueueFrame& turn;
+    bool is_interrupted = true;
+    Serving(TcpSocket& served, QueueFrame& frame_of_turn) : socket(served), turn(frame_of_turn) {
+      socket.is_serving_ = true;
+    }
     ~Serving() {
       socket.is_serving_ = false;
       socket.keepInput();
+      if (!is_interrupted) return;
+      if (socket.is_registered_) socket.notify(kServe);
+      if (socket.owes_end_) socket.seeToTurnEnd(turn);
     }
-  } serving(*this);
+  } serving(*this, frame);
 
   if (state() == State::kConnecting && connector_) {
     const std::shared_ptr<Connector> connector = connector_;
@@ -67,26 +78,32 @@ void TcpSocket::serve(QueueFrame& frame) {
     connector->handleReadiness(is_writable, has_failed);
   }
   if (state() == State::kLingering) linger(workspace);
-  if (state() == State::kOpen) {
-    const std::shared_ptr<VELSocketDelegate> delegate = delegate_.lock();
-    if (!delegate) {
-      end(std::nullopt);
-    } else {
-      int receives = 0;
-      while (state() == State::kOpen && move_state_.load(std::memory_order_relaxed) == MoveState::kNone) {
-        if (serveOnce(*delegate, workspace)) continue;
-        if (!has_read_ && !isHandshaking()) break;
-        const bool may_have_more = is_readable_ || (tls_ && tls_->may_have_more);
-        if (closes_after_writing_ || !may_have_more) break;
-        if (++receives > kReceivesPerTurn) {
-          notify(kServe);
-          break;
-        }
-        if (!receive(workspace)) break;
-      }
+  if (state() == State::kOpen) serveOpen(workspace);
+  if (move_state_.load(std::memory_order_relaxed) == MoveState::kNone) finishTurn(workspace);
+  serving.is_interrupted = false;
+}
+
+// Tells and reads until nothing more can be done now.
+void TcpSocket::serveOpen(Workspace& workspace) {
+  std::shared_ptr<VELSocketDelegate> delegate = delegate_.lock();
+  int rounds = 0;
+  while (state() == State::kOpen &&
+         move_state_.load(std::memory_order_relaxed) == MoveState::kNone) {
+    if (delegate_changed_) {
+      delegate_changed_ = false;
+      delegate = delegate_.lock();
     }
+    if (!delegate) return end(std::nullopt);
+    if (serveOnce(*delegate, workspace)) continue;
+    if (++rounds > kRoundsPerTurn) return notify(kServe);
+    if (sendNow()) continue;
+    const bool wants_more = isHandshaking() || (has_read_ && !closes_after_writing_);
+    const bool may_have_more = is_readable_ || (tls_ && tls_->may_have_more);
+    if (state() != State::kOpen || !wants_more || !may_have_more || !receive(workspace)) return;
   }
-  if (move_state_.load(std::memory_order_relaxed) != MoveState::kNone) return;
+}
+
+void TcpSocket::finishTurn(Workspace& workspace) {
   if (state() == State::kOpen) finishWriting();
   if (state() == State::kOpen && hung_up_ && !has_read_) {
     end(VELError(VELSocketErrorDomain, kVELSocketClosed, "The peer closed the connection."));
@@ -96,12 +113,18 @@ void TcpSocket::serve(QueueFrame& frame) {
   } else if (outgoing_) {
     outgoing_->shrink();
   }
+  if (state() == State::kOpen && isForsaken(1)) end(std::nullopt);
   armDeadlines();
   if (owes_end_) tellEnd();
 }
 
-// Tells one completion or serves one read; else lets what was written go. False when nothing is left to
-// do with what has come.
+// Whether nobody can use the socket any more and it waits for nothing.
+bool TcpSocket::isForsaken(long own_references) const noexcept {
+  return self_ && self_.use_count() <= own_references && !has_read_ && !outgoing_ &&
+         !isHandshaking();
+}
+
+// Tells one completion or serves one read. False when neither is to be done with what has come.
 bool TcpSocket::serveOnce(VELSocketDelegate& delegate, Workspace& workspace) {
   if (tls_ && !tls_->told_secure && tls_->session->isHandshakeDone()) {
     tls_->told_secure = true;
@@ -113,40 +136,63 @@ bool TcpSocket::serveOnce(VELSocketDelegate& delegate, Workspace& workspace) {
     delegate.socketDidWriteDataWithTag(*this, outgoing_->takeDone());
     return true;
   }
-  if (has_read_ && !closes_after_writing_ && serveRead(delegate, workspace)) return true;
+  return has_read_ && !closes_after_writing_ && serveRead(delegate, workspace);
+}
+
+// Lets what was written go; true when that is to be told.
+bool TcpSocket::sendNow() {
   if (unsentLength() == 0 || !is_writable_) return false;
   flush();
   return state() == State::kOpen && outgoing_ && outgoing_->hasDone();
 }
 
 bool TcpSocket::serveRead(VELSocketDelegate& delegate, Workspace& workspace) {
-  if (!read_.terminator) {
+  if (read_.end == ReadEnd::kLength) {
     if (piece_) {
       if (piece_->filled < read_.length) return false;
       const std::unique_ptr<Piece> piece = std::move(piece_);
       input_ = {reinterpret_cast<const char*>(piece->bytes.get()), piece->filled};
       deliver(delegate, piece->filled);
-      workspace.giveBack(std::move(piece->bytes), piece->filled);
+      workspace.giveBack(std::move(piece->bytes), piece->capacity);
       return true;
     }
     if (input_.size() < read_.length) return false;
     deliver(delegate, read_.length);
     return true;
   }
-  const std::string_view terminator = read_.terminator->view();
-  const size_t limit = read_.length == 0 ? input_.size() : std::min<size_t>(read_.length, input_.size());
-  const size_t found = input_.substr(0, limit).find(terminator, scanned_);
-  if (found != std::string_view::npos) {
-    deliver(delegate, found + terminator.size());
+  const size_t length =
+      std::min<size_t>(read_.length == 0 ? input_.size() : read_.length, input_.size());
+  if (const size_t end = findTerminator(input_.substr(0, length)); end != 0) {
+    if (read_.end == ReadEnd::kTerminator) extras_->terminators.pop_front();
+    deliver(delegate, end);
     return true;
   }
   if (read_.length != 0 && input_.size() >= read_.length) {
     end(VELError(VELSocketErrorDomain, kVELSocketReadMaximumReached,
                  "The peer sent too much before the expected end."));
-    return false;
   }
-  scanned_ = static_cast<uint32_t>(limit + 1 > terminator.size() ? limit + 1 - terminator.size() : 0);
   return false;
+}
+
+// Where the read's terminator ends in `input`; 0 when it is not there yet.
+size_t TcpSocket::findTerminator(std::string_view input) noexcept {
+  if (read_.end == ReadEnd::kTerminator) {
+    const std::string_view terminator = extras_->terminators.front().view();
+    const size_t found = input.find(terminator, scanned_);
+    if (found != std::string_view::npos) return found + terminator.size();
+    const size_t overlap = terminator.size() - 1;
+    scanned_ = static_cast<uint32_t>(input.size() > overlap ? input.size() - overlap : 0);
+    return 0;
+  }
+  for (size_t from = scanned_; from < input.size();) {
+    const void* found = std::memchr(input.data() + from, '\n', input.size() - from);
+    if (found == nullptr) break;
+    const auto at = static_cast<size_t>(static_cast<const char*>(found) - input.data());
+    if (at > 0 && input[at - 1] == '\r') return at + 1;
+    from = at + 1;
+  }
+  scanned_ = static_cast<uint32_t>(input.size());
+  return 0;
 }
 
 // Hands the first `length` bytes of the input to the delegate.
@@ -157,8 +203,9 @@ void TcpSocket::deliver(VELSocketDelegate& delegate, size_t length) {
   has_read_ = false;
   scanned_ = 0;
   read_due_ = kNever;
+  had_grace_ = false;
   if (extras_ && !extras_->further_reads.empty()) {
-    read_ = std::move(extras_->further_reads.front());
+    read_ = extras_->further_reads.front();
     extras_->further_reads.pop_front();
     has_read_ = true;
   }
@@ -169,16 +216,13 @@ void TcpSocket::deliver(VELSocketDelegate& delegate, size_t length) {
 bool TcpSocket::receive(Workspace& workspace) {
   size_t length = 0;
   Fill result = Fill::kWouldBlock;
-  if (has_read_ && !read_.terminator && read_.length > kPieceFrom && read_.length > input_.size()) {
-    if (!piece_) {
-      piece_ = std::make_unique<Piece>();
-      piece_->bytes = workspace.takePiece(read_.length);
-      piece_->filled = input_.size();
-      std::copy(input_.begin(), input_.end(), piece_->bytes.get());
-      input_ = {};
-    }
-    result = fill(piece_->bytes.get() + piece_->filled, read_.length - piece_->filled, &length, workspace);
-    piece_->filled += length;
+  if (has_read_ && read_.end == ReadEnd::kLength && read_.length > kPieceFrom &&
+      read_.length > input_.size()) {
+    makeRoomInPiece(workspace);
+    Piece& piece = *piece_;
+    result =
+        fill(piece.bytes.get() + piece.filled, piece.capacity - piece.filled, &length, workspace);
+    if (result != Fill::kFailed) piece.filled += length;
   } else {
     std::vector<uint8_t>& buffer = workspace.input();
     const size_t kept = input_.size();
@@ -190,16 +234,33 @@ bool TcpSocket::receive(Workspace& workspace) {
       std::memmove(buffer.data(), input_.data(), kept);
     }
     result = fill(buffer.data() + kept, buffer.size() - kept, &length, workspace);
-    input_ = {reinterpret_cast<const char*>(buffer.data()), kept + length};
+    if (result != Fill::kFailed) {
+      input_ = {reinterpret_cast<const char*>(buffer.data()), kept + length};
+    }
   }
-  if (result == Fill::kEnd) {
+  if (result == Fill::kEnd && isHandshaking()) {
+    end(VELError(VELSocketErrorDomain, kVELSocketClosed, "The peer closed the connection."));
+  } else if (result == Fill::kEnd) {
     // What was answered still goes out; a peer may close its direction first (RFC 9112 §9.6).
     closes_after_writing_ = true;
-    has_read_ = false;
+    dropReads();
     extras().end_error =
         VELError(VELSocketErrorDomain, kVELSocketClosed, "The peer closed the connection.");
   }
   return result == Fill::kGot;
+}
+
+void TcpSocket::makeRoomInPiece(Workspace& workspace) {
+  const size_t filled = piece_ ? piece_->filled : input_.size();
+  if (piece_ && filled < piece_->capacity) return;
+  auto larger = std::make_unique<Piece>();
+  larger->capacity = std::min<size_t>(read_.length, std::max(kFirstPiece, 2 * filled));
+  larger->bytes = workspace.takePiece(larger->capacity);
+  larger->filled = filled;
+  const char* bytes = piece_ ? reinterpret_cast<const char*>(piece_->bytes.get()) : input_.data();
+  std::copy(bytes, bytes + filled, larger->bytes.get());
+  piece_ = std::move(larger);
+  input_ = {};
 }
 
 // Closes once nothing is left to send.
@@ -220,7 +281,7 @@ void TcpSocket::finishWriting() {
 
 // Moves what was read ahead out of the thread's buffer.
 void TcpSocket::keepInput() {
-  if (tls_ && !tls_->input.empty() && tls_->input.data() != tls_->received.data()) {
+  if (tls_ && (tls_->input.empty() || tls_->input.data() != tls_->received.data())) {
     tls_->received = std::string(tls_->input);
     tls_->input = tls_->received;
   }
@@ -238,7 +299,7 @@ void TcpSocket::keepInput() {
 
 void TcpSocket::linger(Workspace& workspace) {
   std::vector<uint8_t>& buffer = workspace.input();
-  for (int i = 0; is_readable_ && i < kReceivesPerTurn; ++i) {
+  for (int i = 0; is_readable_ && i < kRoundsPerTurn; ++i) {
     size_t length = 0;
     const Fill result = fillPlain(buffer.data(), buffer.size(), &length);
     if (result == Fill::kEnd || result == Fill::kFailed) return closeDescriptor();
@@ -249,42 +310,50 @@ void TcpSocket::linger(Workspace& workspace) {
 // Sets the one deadline for whatever is due first. A read that was served within the turn that issued it
 // never had a time-out to run.
 void TcpSocket::armDeadlines() {
-  if (state() != State::kOpen && state() != State::kLingering) return;
-  MonotonicTime due = kNever;
-  const bool waits = has_read_ || isHandshaking() || state() == State::kLingering;
-  if (!waits) read_due_ = kNever;
-  const bool times_read = has_read_ && read_.timeout.count() >= 0;
-  const bool sends = outgoing_ && !outgoing_->isSent();
-  if (!times_read && !sends && !isHandshaking() && read_due_ == kNever) {
-    if (Deadline::isArmed()) Deadline::disarm();
-    return;
-  }
+  if (state() == State::kLingering) return Deadline::armAt(*queue_, read_due_);
+  if (state() != State::kOpen) return;
   const MonotonicTime now = coarseNow();
-  if (read_due_ == kNever && isHandshaking()) {
-    read_due_ = now + coarseClockStep() + kHandshakeTime;
-  } else if (read_due_ == kNever && times_read) {
-    read_due_ = now + coarseClockStep() + std::chrono::nanoseconds(read_.timeout).count();
+  const bool says_goodbye = tls_ && tls_->said_goodbye;
+  if (!has_read_ && !isHandshaking() && !says_goodbye) {
+    read_due_ = kNever;
+  } else if (read_due_ == kNever && isHandshaking()) {
+    read_due_ = timeAfter(now, kHandshakeTime);
+  } else if (read_due_ == kNever && says_goodbye) {
+    read_due_ = timeAfter(now, kGoodbyeTime);
+  } else if (read_due_ == kNever && read_.timeout.count() >= 0) {
+    read_due_ = timeAfter(now, read_.timeout);
   }
-  due = read_due_;
-  if (sends) due = std::min(due, outgoing_->earliestDue(now));
-  if (due == kNever) return Deadline::disarm();
-  Deadline::armAt(*queue_, due);
+  MonotonicTime due = read_due_;
+  if (outgoing_ && !outgoing_->isSent()) due = std::min(due, outgoing_->due(now));
+  Deadline::armAt(*queue_, due != kNever ? due : timeAfter(now, kLookTime));
 }
 
 void TcpSocket::deadlineDidFire() {
   const MonotonicTime now = coarseNow();
-  QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue());
   if (state() == State::kLingering) return closeDescriptor();
   if (state() != State::kOpen) return;
-  const bool writes = outgoing_ && outgoing_->earliestDue(now) <= now;
-  if (read_due_ <= now && isHandshaking()) {
-    end(VELError(VELSocketErrorDomain, kVELSocketTLSFailed, "The TLS handshake took too long."));
-  } else if (read_due_ <= now) {
-    end(VELError(VELSocketErrorDomain, kVELSocketReadTimeout, "Reading took too long."));
-  } else if (writes) {
+  if (read_due_ <= now) {
+    readDidTimeOut();
+  } else if (outgoing_ && outgoing_->due(now) <= now) {
     end(VELError(VELSocketErrorDomain, kVELSocketWriteTimeout, "Writing took too long."));
+  } else if (move_state_.load(std::memory_order_relaxed) == MoveState::kNone &&
+             (delegate_.expired() || isForsaken(2))) {  // the firing holds the socket, too
+    end(std::nullopt);
   }
-  if (frame != nullptr) frame->listTurnEnd(*this);
+  if (QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue())) seeToTurnEnd(*frame);
+}
+
+void TcpSocket::readDidTimeOut() {
+  if (isHandshaking()) {
+    end(VELError(VELSocketErrorDomain, kVELSocketTLSFailed, "The TLS handshake took too long."));
+  } else if (tls_ && tls_->said_goodbye) {
+    end(std::nullopt);
+  } else if (is_readable_ && !had_grace_) {
+    // The queue was busy: what came in time is looked at before the time counts.
+    had_grace_ = true;
+  } else {
+    end(VELError(VELSocketErrorDomain, kVELSocketReadTimeout, "Reading took too long."));
+  }
 }
 
 void TcpSocket::tellEnd() {

@@ -13,6 +13,8 @@ class Workspace {
  public:
   /// What one receive may bring.
   static constexpr size_t kReceive = 16 * 1024;
+  /// The largest piece that is kept for the next body.
+  static constexpr size_t kMostKept = 1024 * 1024;
 
   /// Received bytes, or decrypted ones.
   std::vector<uint8_t>& input() {
@@ -42,7 +44,7 @@ class Workspace {
     return std::unique_ptr<uint8_t[]>(new uint8_t[length]);
   }
   void giveBack(std::unique_ptr<uint8_t[]> piece, size_t length) noexcept {
-    if (length < piece_length_) return;
+    if (length < piece_length_ || length > kMostKept) return;
     piece_ = std::move(piece);
     piece_length_ = length;
   }

@@ -58,7 +58,7 @@ VELDictionary VELResponse::headers() const {
 void VELResponse::setHeaders(const VELDictionary& headers) {
   header_fields_.clear();
   header_fields_.reserve(headers.size());
-  for (const auto& [name, value] : headers) header_fields_.push_back({name, value});
+  for (const auto& [name, value] : headers) header_fields_.emplace_back(name, std::string(value));
 }
 
 std::optional<std::string> VELResponse::valueForHeader(std::string_view name) const {
@@ -78,8 +78,12 @@ void VELResponse::setValueForHeader(std::optional<std::string> value, std::strin
     field->value = std::move(*value);
     return;
   }
+  addField(name, std::move(*value));
+}
+
+void VELResponse::addField(std::string_view name, std::string&& value) {
   if (header_fields_.empty()) header_fields_.reserve(kUsualFields);
-  header_fields_.push_back({std::string(name), std::move(*value)});
+  header_fields_.emplace_back(name, std::move(value));
 }
 
 void VELResponse::removeValueForHeader(std::string_view name) {

@@ -6,6 +6,7 @@
 #include "corvane/responses.h"
 #include "platform/file.h"
 #include "platform/media_types.h"
+#include "platform/utf8.h"
 #include "responses/content_types.h"
 #include "responses/text_encoding.h"
 
@@ -33,18 +34,21 @@ std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists)
 std::shared_ptr<VELResponse> VELResponse::responseWithData(VELData data, uint64_t status,
                                                            std::optional<std::string> contentType) {
   auto response = std::make_shared<VELDataResponse>();
-  const uint64_t length = data.length();
+  VELResponse& base = *response;
+  base.status_ = status;
+  base.content_length_ = data.length();
+  base.addField("Content-Length", decimalText(data.length()));
+  if (contentType) base.addField("Content-Type", std::move(*contentType));
   response->setData(std::move(data));
-  response->setStatus(status);
-  response->setContentLength(length);
-  response->setValueForHeader(decimalText(length), "Content-Length");
-  if (contentType) response->setContentType(std::move(contentType));
   return response;
 }
 
 std::shared_ptr<VELResponse> VELResponse::responseWithString(
     std::string_view string, unsigned encoding, uint64_t status,
     std::optional<std::string> contentType) {
+  if (encoding == VELUTF8StringEncoding && vel::isValidUTF8(string)) {
+    return responseWithData(VELData(std::string(string)), status, std::move(contentType));
+  }
   std::optional<std::string> bytes = vel::encodedText(string, encoding);
   return responseWithData(bytes ? VELData(std::move(*bytes)) : VELData(), status,
                           std::move(contentType));

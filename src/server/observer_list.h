@@ -45,7 +45,8 @@ class ObserverList : public std::enable_shared_from_this<ObserverList> {
   // Spares servers without observers the lock.
   std::atomic<size_t> count_{0};
   mutable std::mutex mutex_;
-  // Guarded by mutex_; replaced as a whole, so that it can be walked without the lock. None when empty.
+  // Guarded by mutex_; replaced as a whole, so that it can be walked without the lock. None when
+  // empty.
   std::shared_ptr<const Observers> observers_;
 };
 

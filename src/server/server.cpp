@@ -18,7 +18,7 @@ constexpr std::string_view kObservableKeys[] = {"connections", "numberOfConnecti
 
 VELServer::VELServer(std::shared_ptr<VELConfiguration> configuration,
                      std::shared_ptr<VELEventLoops> loops)
-    : loops_(loops ? std::move(loops) : VELEventLoops::sharedLoops()),
+    : loops_(loops ? loops : VELEventLoops::sharedLoops()),
       queue_(std::make_shared<VELSerialQueue>("org.corvane.Server", loops_)),
       observers_(std::make_shared<vel::ObserverList>()),
       configuration_(configuration ? std::move(configuration)
@@ -151,7 +151,7 @@ VELServer::requestFinishedHandler() const {
   return request_finished_handler_;
 }
 
-void VELServer::addConnection(std::shared_ptr<VELConnection> connection) {
+void VELServer::addConnection(const std::shared_ptr<VELConnection>& connection) {
   observers_->notify(VELChange::Kind::kInsertion, true, connection);
   {
     const std::lock_guard lock(connections_mutex_);

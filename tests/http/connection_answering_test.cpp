@@ -1,4 +1,5 @@
-// How a connection has requests answered: dispatch, middlewares, the response handler, error answers.
+// How a connection has requests answered: dispatch, middlewares, the response handler, error
+// answers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -311,6 +312,7 @@ TEST(Exceptions, CloseTheConnectionThatTheyComeFrom) {
             {},
             true},
            {"middleware", answeringWith("x"), {std::make_shared<ThrowingMiddleware>()}, true},
+           {"middleware that sees 405", nullptr, {std::make_shared<ThrowingMiddleware>()}, true},
            {"body",
             [](const auto&, const VELResponseHandler& respond) {
               respond(std::make_shared<ThrowingResponse>());
@@ -325,7 +327,8 @@ TEST(Exceptions, CloseTheConnectionThatTheyComeFrom) {
             false},
        }) {
     const LogCapture log;
-    FakeConnection fake(configurationWith({routeFor("/", c.handler)}, c.middlewares));
+    const std::vector<std::string> methods{c.handler ? "GET" : "PUT"};
+    FakeConnection fake(configurationWith({routeFor("/", c.handler, methods)}, c.middlewares));
     fake.answerTo(kGet);
     EXPECT_TRUE(fake.socket().wasDisconnected()) << c.what;
     EXPECT_EQ(fake.server().numberOfConnections(), 0U) << c.what;

@@ -1,4 +1,5 @@
-// The life of a connection: start, keep-alive, idle time, the ways in which it ends, what hosts see.
+// The life of a connection: start, keep-alive, idle time, the ways in which it ends, what hosts
+// see.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -146,19 +147,20 @@ TEST(HTTPConnection, LeavesItsServerOnceWhenTheSocketCloses) {
 }
 
 TEST(HTTPConnection, TellsOfItsEndAfterItsServerHasForgottenIt) {
-  auto fake = std::make_unique<FakeConnection>(answeringWith("x"));
-  fake->socket().holdWrites(true);
-  fake->answerTo(kGet);
+  FakeConnection fake(answeringWith("x"));
+  fake.socket().holdWrites(true);
+  fake.answerTo(kGet);
   int removals = 0;
-  const VELObservation observation = fake->server().observe(
+  const VELObservation observation = fake.server().observe(
       "connections", [&](const VELChange& change) { removals += change.isPrior ? 0 : 1; });
-  fake->server().kill();
-  EXPECT_EQ(fake->server().numberOfConnections(), 0U);
-  fake->socket().settle();
-  EXPECT_TRUE(fake->socket().wasDisconnectedAfterWriting());
+  fake.dropConnection();
+  fake.server().kill();
+  EXPECT_EQ(fake.server().numberOfConnections(), 0U);
+  fake.socket().settle();
+  EXPECT_TRUE(fake.socket().wasDisconnectedAfterWriting());
   EXPECT_EQ(removals, 0) << "the answer has not left yet";
-  fake->socket().holdWrites(false);
-  fake->socket().settle();
+  fake.socket().holdWrites(false);
+  fake.socket().settle();
   EXPECT_EQ(removals, 1);
 }
 

@@ -88,7 +88,7 @@ TEST(HeadSerialiser, RepeatsAReceivedHeadAsItCame) {
   ASSERT_TRUE(head.isComplete());
   EXPECT_EQ(serialised(head), "TRACE /x?y HTTP/1.0\r\nb:1\r\nA:  2 \r\nb: 3\r\n\r\n");
   head.setField("4", "B");
-  EXPECT_EQ(serialised(head), "TRACE /x?y HTTP/1.0\r\nB: 4\r\nA: 2\r\n\r\n");
+  EXPECT_EQ(serialised(head), "TRACE /x?y HTTP/1.0\r\nb: 4\r\nA: 2\r\n\r\n");
 }
 
 TEST(HeadSerialiser, WritesBuiltHeads) {

@@ -112,7 +112,7 @@ class Program:
                 return
 
     def exchange(self, request, connection=None):
-        """Sends the bytes of `request` and gives one answer: status, fields by lower-case name, body."""
+        """Sends the bytes of `request` and gives one answer: status, fields by name, body."""
         mine = connection or self.connect()
         mine.sendall(request)
         answer = read_answer(mine, is_head=request.startswith(b"HEAD "))

@@ -97,8 +97,8 @@ class Inspection(unittest.TestCase):
 
     def test_of_bytes_that_are_no_text(self):
         with Program("--inspect", "/") as server:
-            request = (b"GET /?a=%ff%00&b=\xc3\xa9 HTTP/1.1\r\nX-Latin: caf\xe9 \xf0\x9f\x98\x80\r\n"
-                       b"X-Cut: \xe2\x82\r\n\r\n")
+            request = (b"GET /?a=%ff%00&b=\xc3\xa9 HTTP/1.1\r\n"
+                       b"X-Latin: caf\xe9 \xf0\x9f\x98\x80\r\nX-Cut: \xe2\x82\r\n\r\n")
             seen = json.loads(server.exchange(request)[2].decode("utf-8"))
             self.assertEqual(seen["headers"]["X-Latin"], "caf\ufffd \U0001f600")
             self.assertEqual(seen["headers"]["X-Cut"], "\ufffd")
@@ -147,7 +147,7 @@ class AccessLines(unittest.TestCase):
         with Program("--text", "/text=Hello") as server:
             with server.connect() as connection:
                 server.exchange(b"GET /text?a=\"\\ HTTP/1.1\r\nReferer: http://a/\"b\r\n"
-                                b"User-Agent: test/1 \xff\x07\r\n\r\n", connection)
+                                b"User-Agent: test/1 \xff\tx\r\n\r\n", connection)
                 server.exchange(b"HEAD /nowhere HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
                                 connection)
                 server.exchange(b"nonsense\r\n", connection)
@@ -155,7 +155,7 @@ class AccessLines(unittest.TestCase):
                       if " - - [" in line]
             self.assertEqual([line and line.groups() for line in parsed], [
                 ("127.0.0.1", "-", r'GET /text?a=\"\\ HTTP/1.1', "200", "5", r'http://a/\"b',
-                 r"test/1 \xff\x07"),
+                 r"test/1 \xff\x09x"),
                 ("127.0.0.1", "-", "HEAD /nowhere HTTP/1.0", "404", "-", "-", "-"),
                 ("127.0.0.1", "-", "-", "400", "-", "-", "-")])
 

@@ -44,6 +44,8 @@ class FakeConnection {
   FakeSocket& socket() { return *socket_; }
   VELServer& server() { return *server_; }
   const std::shared_ptr<VELHTTPConnection>& connection() { return connection_; }
+  /// Leaves the connection to its server.
+  void dropConnection() { connection_.reset(); }
 
   /// What the connection writes when `bytes` arrive, without dates.
   std::string answerTo(std::string_view bytes);

@@ -9,7 +9,8 @@ void FakeSocket::receive(std::string_view bytes) {
   settle();
 }
 
-// Completions are posted, as a real socket's come from the loop: what they throw reaches the last resort.
+// Completions are posted, as a real socket's come from the loop: what they throw reaches the last
+// resort.
 void FakeSocket::settle() {
   bool wasCompleted = true;
   while (wasCompleted) {

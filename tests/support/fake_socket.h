@@ -1,5 +1,5 @@
-// FakeSocket: a socket in memory. It records what it is asked to do and completes it when the test says
-// so, on the delegate queue, with no kernel, no threads of its own and no clock.
+// FakeSocket: a socket in memory. It records what it is asked to do and completes it when the test
+// says so, on the delegate queue, with no kernel, no threads of its own and no clock.
 #pragma once
 
 #include <atomic>
@@ -31,8 +31,8 @@ struct SocketCall {
 };
 
 /// A connected socket whose peer is the test.
-/// Queue:   the operations of VELSocket on the delegate queue or before there is one; those of the test
-///          on the test's thread.
+/// Queue:   the operations of VELSocket on the delegate queue or before there is one; those of the
+///          test on the test's thread.
 class FakeSocket final : public VELSocket, public std::enable_shared_from_this<FakeSocket> {
  public:
   // The test's side.

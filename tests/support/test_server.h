@@ -75,6 +75,7 @@ class TestServer {
   bool waitUntil(const Predicate& predicate);
 
   const Transport transport_;
+  // Not stopped by hand: closed sockets still wait on them for their clients to close.
   std::shared_ptr<VELEventLoops> loops_;
   std::shared_ptr<VELServer> server_;
   VELObservation observation_;
@@ -83,6 +84,8 @@ class TestServer {
   std::condition_variable changed_;
   // Guarded by mutex_.
   std::vector<FinishedRequest> finished_;
+  // Connections that came and have not told their end.
+  int unclosed_ = 0;
 };
 
 }  // namespace vel::test

@@ -1,6 +1,7 @@
 // OpenSSL between two memory buffers; the wire below carries what it makes.
 #include "support/tls_wire.h"
 
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 
 #include <array>
@@ -38,6 +39,8 @@ TLSWire::TLSWire(std::unique_ptr<Wire> below, const TLSOffer& offer)
   session_->outgoing = BIO_new(BIO_s_mem());
   SSL_set_bio(session_->ssl.get(), session_->incoming, session_->outgoing);
   for (;;) {
+    // What another connection left behind would be taken for a failure of this one.
+    ERR_clear_error();
     const int result = SSL_connect(session_->ssl.get());
     const int reason = SSL_get_error(session_->ssl.get(), result);
     const bool sent = flush();
@@ -68,6 +71,7 @@ bool TLSWire::feed() {
 
 bool TLSWire::send(std::string_view bytes) {
   if (bytes.empty()) return true;
+  ERR_clear_error();
   return SSL_write(session_->ssl.get(), bytes.data(), static_cast<int>(bytes.size())) > 0 &&
          flush();
 }
@@ -75,6 +79,7 @@ bool TLSWire::send(std::string_view bytes) {
 bool TLSWire::receive(std::string& received) {
   std::array<char, 65536> buffer;
   for (;;) {
+    ERR_clear_error();
     const int count = SSL_read(session_->ssl.get(), buffer.data(), static_cast<int>(buffer.size()));
     if (count > 0) {
       received.append(buffer.data(), static_cast<size_t>(count));

@@ -77,7 +77,7 @@ void addCaseRoutes(VELConfiguration& configuration) {
            [](const VELRequest&) { return Outcome(nullptr, std::nullopt); });
   addRoute(configuration, "/error",
            [](const VELRequest&) { return Outcome(nullptr, VELError("CaseErrorDomain", 7)); });
-  addRoute(configuration, "/error-text",
+  addRoute(configuration, "/failure",
            [](const VELRequest&) { return Outcome(nullptr, errorWithTexts()); });
   addRoute(configuration, "/both",
            [](const VELRequest&) { return Outcome(textResponse("both"), errorWithTexts()); });

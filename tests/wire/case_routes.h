@@ -22,7 +22,7 @@ std::string describe(const VELRequest& request);
 ///   /own             "METHOD", lists GET, OPTIONS and TRACE itself
 ///   /first           "first", for GET; /first/second "second", for GET and DELETE
 ///   /absolute        the URL, and whether it is secure
-///   /nothing, /error, /error-text, /both  what a handler may answer with instead of a response
+///   /nothing, /error, /failure, /both  what a handler may answer with instead of a response
 ///   /responses/...   the kinds of responses of case_responses.cpp
 void addCaseRoutes(VELConfiguration& configuration);
 

@@ -57,7 +57,7 @@ TEST_P(DispatchCases, AnswerWhatHandlersLeaveOpen) {
        request("GET", "/error"),
        {{500, "", {"Content-Length: 0", "Content-Type: text/plain"}}}},
       {"an error with texts, which follow a length of 0",
-       request("GET", "/error-text"),
+       request("GET", "/failure"),
        {{500, "It failed.\nIt had to.\nDo not.\n", {"Content-Length: 0"}}}},
       {"a response and an error", request("GET", "/both"), {{200, "both"}}},
   });

@@ -116,6 +116,26 @@ TEST_P(ServerLife, HasNoKeepAliveTimerForAnIntervalOfZero) {
   }
 }
 
+TEST_P(ServerLife, AppliesTheLimitsOfItsConfiguration) {
+  VELLimits limits;
+  limits.headLines = 2;
+  limits.headLineLength = 30;
+  server_.server().configuration()->setLimits(limits);
+  const auto connectAndSend = [this](const std::string& sent) {
+    auto client = server_.connect();
+    client->send(sent);
+    return client;
+  };
+  EXPECT_EQ(connectAndSend(head({"GET /text HTTP/1.1", "X: y"}))->readAnswer().body, "Hello");
+  EXPECT_EQ(connectAndSend(head({"GET /text HTTP/1.1", "X: y", "X: y"}))->readToEnd(), "");
+  EXPECT_EQ(connectAndSend(head({"GET /text?01234567890 HTTP/1.1"}))->readToEnd(), "");
+
+  limits.headLineTimeout = std::chrono::milliseconds(1);
+  server_.server().configuration()->setLimits(limits);
+  EXPECT_EQ(connectAndSend("GET /text HT")->readToEnd(), "");
+  EXPECT_TRUE(server_.waitForConnections(0));
+}
+
 TEST_P(ServerLife, TellsOfFinishedRequests) {
   const auto client = server_.connect();
   size_t sent = 0;

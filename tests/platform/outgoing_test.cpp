@@ -1,0 +1,134 @@
+// Outgoing: nothing lost, nothing reordered, and whose time runs.
+#include "platform/outgoing.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vel::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Takes up to `most` bytes, as the system would.
+std::string take(Outgoing& outgoing, size_t most) {
+  iovec vectors[4];
+  const int count = outgoing.vectors(vectors, 4);
+  std::string taken;
+  for (int i = 0; i < count; ++i) {
+    const size_t length = std::min(vectors[i].iov_len, most - taken.size());
+    taken.append(static_cast<const char*>(vectors[i].iov_base), length);
+  }
+  outgoing.didSend(taken.size());
+  return taken;
+}
+
+TEST(Outgoing, KeepsBytesAndTagsInOrder) {
+  std::minstd_rand random(7);
+  const size_t sizes[] = {0, 1, 100, Outgoing::kSmall, Outgoing::kSmall + 1, 100'000};
+  for (int round = 0; round < 5; ++round) {
+    Outgoing outgoing;
+    std::string written;
+    std::string sent;
+    int64_t told = 0;
+    int64_t tag = 0;
+    while (tag < 100 || !outgoing.isEmpty()) {
+      if (tag < 100 && random() % 3 != 0) {
+        const std::string bytes(sizes[random() % std::size(sizes)],
+                                static_cast<char>('a' + tag % 26));
+        written += bytes;
+        outgoing.append(VELData(bytes), milliseconds(-1), tag++);
+      } else {
+        sent += take(outgoing, random() % 120'000);
+      }
+      if (random() % 4 == 0) outgoing.shrink();
+      while (outgoing.hasDone()) EXPECT_EQ(outgoing.takeDone(), told++);
+      EXPECT_EQ(outgoing.unsent(), written.size() - sent.size());
+    }
+    EXPECT_EQ(sent, written);
+    EXPECT_EQ(told, 100);
+  }
+}
+
+TEST(Outgoing, CopiesWhatIsLeft) {
+  Outgoing outgoing;
+  const std::string large(Outgoing::kSmall + 1, 'b');
+  for (const std::string& bytes : {std::string("aaa"), large, std::string("cc")}) {
+    outgoing.append(VELData(bytes), milliseconds(-1), 0);
+  }
+  const std::string all = "aaa" + large + "cc";
+  size_t sent = 0;
+  for (const size_t step : {0U, 2U, 1U, 5U, Outgoing::kSmall, 1U, 1U}) {
+    sent += take(outgoing, step).size();
+    std::string rest = "x";
+    outgoing.copyTo(&rest);
+    EXPECT_EQ(rest, "x" + all.substr(sent));
+  }
+}
+
+TEST(Outgoing, CountsSmallPiecesAsWrittenUntilItsBufferIsFull) {
+  Outgoing outgoing;
+  const VELData piece(std::string(1000, 'x'));
+  int64_t done = 0;
+  for (int64_t tag = 0; tag < 200; ++tag) outgoing.append(piece, milliseconds(-1), tag);
+  for (; outgoing.hasDone(); ++done) outgoing.takeDone();
+  EXPECT_EQ(done, static_cast<int64_t>(Outgoing::kGather / 1000));
+}
+
+TEST(Outgoing, OwnsWhatItKeeps) {
+  Outgoing outgoing;
+  std::string lent(2 * Outgoing::kSmall, 'x');
+  outgoing.append(VELData::dataWithBorrowedBytes(lent.data(), lent.size()), milliseconds(-1), 1);
+  std::fill(lent.begin(), lent.end(), 'y');
+  EXPECT_EQ(take(outgoing, SIZE_MAX), std::string(lent.size(), 'x'));
+}
+
+// The time of a write begins when all before it has left: a slow reader of a body without a time-out
+// does not use up the time of what follows.
+TEST(Outgoing, TimesTheFirstUnsentWriteOnly) {
+  constexpr MonotonicTime kMilli = 1'000'000;
+  struct Write {
+    size_t length;
+    int timeout;
+  };
+  struct Case {
+    const char* name;
+    std::vector<Write> writes;
+    size_t sent;
+    int running;  // the time-out that runs then; none when negative
+  };
+  const size_t large = Outgoing::kSmall + 1;
+  const Case cases[] = {
+      {"small", {{10, 30}}, 0, 30},
+      {"a part is no end", {{10, 30}}, 9, 30},
+      {"all sent", {{10, 30}}, 10, -1},
+      {"untimed before timed", {{10, -1}, {10, 30}}, 9, -1},
+      {"timed after untimed has left", {{10, -1}, {10, 30}}, 10, 30},
+      {"each its own", {{10, 20}, {10, 30}}, 15, 30},
+      {"large, untimed", {{large, -1}, {10, 30}}, 5, -1},
+      {"small behind large", {{large, -1}, {10, 30}}, large, 30},
+      {"large behind small", {{10, 20}, {large, 40}}, 10, 40},
+      {"nothing at all", {{0, 30}}, 0, -1},
+  };
+  for (const Case& entry : cases) {
+    SCOPED_TRACE(entry.name);
+    Outgoing outgoing;
+    for (const Write& write : entry.writes) {
+      outgoing.append(VELData(std::string(write.length, 'x')), milliseconds(write.timeout), 0);
+    }
+    const MonotonicTime start = 1'000 * kMilli;
+    outgoing.due(start);
+    if (entry.sent > 0) take(outgoing, entry.sent);
+    outgoing.shrink();
+    const MonotonicTime due = outgoing.due(start);
+    EXPECT_EQ(due, entry.running < 0 ? kNever : timeAfter(start, milliseconds(entry.running)));
+    // Asking again does not begin again.
+    EXPECT_EQ(outgoing.due(start + 5 * kMilli), due);
+  }
+}
+
+}  // namespace
+}  // namespace vel::test

@@ -1,0 +1,245 @@
+// Writes of a socket: order, completions, slow readers, time-outs, and writes from everywhere.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/loop_pool.h"
+#include "support/count.h"
+#include "support/log_capture.h"
+#include "support/socket_events.h"
+
+namespace vel::test {
+namespace {
+
+using std::chrono::seconds;
+
+std::string pattern(size_t length, size_t seed = 0) {
+  std::string bytes(length, 0);
+  for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>((i + seed) * 131 >> 7);
+  return bytes;
+}
+
+std::vector<std::string> wroteUpTo(size_t count) {
+  std::vector<std::string> events;
+  for (size_t i = 0; i < count; ++i) events.push_back("wrote " + std::to_string(i));
+  return events;
+}
+
+void settle(VELSerialQueue& queue) {
+  for (int i = 0; i < 2; ++i) {
+    Count done;
+    queue.async([&] { done.add(); });
+    ASSERT_TRUE(done.reaches(1));
+  }
+}
+
+TEST(SocketWriting, KeepsTheOrderOfAllSizes) {
+  const size_t sizes[] = {10, 0, 300'000, 1, 0, 20'000, 5, 5'000'000, 16'384, 16'385, 0};
+  for (const bool at_once : {true, false}) {
+    ServedSocket served;
+    std::string expected;
+    const auto write = [&] {
+      int64_t tag = 0;
+      for (const size_t size : sizes) {
+        const std::string bytes = pattern(size, static_cast<size_t>(tag));
+        expected += bytes;
+        served.socket->writeData(VELData(bytes), seconds(30), tag++);
+      }
+    };
+    // In one turn, or each posted by itself.
+    at_once ? served.onQueue(write) : write();
+    served.socket->disconnectAfterWriting();
+    EXPECT_EQ(served.peer.receiveAll(), expected);
+    EXPECT_EQ(served.events->await("ended"), "ended");
+    EXPECT_EQ(served.events->those("wrote"), wroteUpTo(std::size(sizes)));
+  }
+}
+
+TEST(SocketWriting, TakesNoMoreThanABufferAheadOfASlowReader) {
+  constexpr size_t kPiece = 1000;
+  ServedSocket served(nullptr, 4096);
+  std::atomic<int64_t> written{0};
+  const auto next = [&](VELSocket& socket) {
+    const int64_t tag = written++;
+    socket.writeData(VELData(pattern(kPiece, static_cast<size_t>(tag))), kNoTimeout, tag);
+  };
+  served.onQueue([&] {
+    served.events->reaction = [&](VELSocket& socket, const std::string& event) {
+      if (event.starts_with("wrote")) next(socket);
+    };
+    next(*served.socket);
+  });
+  // Until the system takes no more and the buffer is full.
+  int64_t before = -1;
+  for (int still = 0; still < 20;) {
+    settle(*served.queue);
+    still = written == before ? still + 1 : 0;
+    before = written;
+  }
+  served.onQueue([&] {
+    EXPECT_LE(served.socket->unsentLength(), 64 * 1024 + kPiece);
+    EXPECT_GE(served.socket->unsentLength(), 32 * 1024U);
+    served.events->reaction = nullptr;
+    served.socket->disconnectAfterWriting();
+  });
+  const std::string received = served.peer.receiveAll();
+  std::string expected;
+  for (int64_t tag = 0; tag < written; ++tag) expected += pattern(kPiece, static_cast<size_t>(tag));
+  EXPECT_EQ(received.size(), expected.size());
+  EXPECT_TRUE(received == expected);
+}
+
+TEST(SocketWriting, OwnsBorrowedBytes) {
+  ServedSocket served;
+  served.onQueue([&] { served.events->reaction = [](VELSocket&, const std::string&) {}; });
+  // A delegate that sends back what it is lent, while an earlier write holds it up.
+  struct Echo : VELSocketDelegate {
+    void socketDidReadData(VELSocket& socket, const VELData& data, int64_t) override {
+      socket.writeData(VELData(std::string(4'000'000, '-')), kNoTimeout, 0);
+      socket.writeData(data.subdata(1, data.length()), kNoTimeout, 1);
+      socket.disconnectAfterWriting();
+    }
+  };
+  const auto echo = std::make_shared<Echo>();
+  served.socket->setDelegate(echo, served.queue);
+  const std::string bytes = pattern(100'000);
+  served.socket->readDataToLength(bytes.size(), kNoTimeout, 0);
+  served.peer.send(bytes);
+  EXPECT_EQ(served.peer.receiveAll().substr(4'000'000), bytes.substr(1));
+}
+
+TEST(SocketWriting, TimesWhatTheSystemDoesNotTake) {
+  for (const bool large : {true, false}) {
+    ServedSocket served(nullptr, 4096);
+    served.onQueue([&] {
+      // More than the system takes; small pieces count as written as long as the buffer has room.
+      for (int i = 0; i < (large ? 1 : 400); ++i) {
+        served.socket->writeData(VELData(std::string(large ? 20'000'000 : 16'000, 'x')),
+                                 seconds(30), i);
+      }
+    });
+    settle(*served.queue);
+    passTime(*served.queue, seconds(20));
+    settle(*served.queue);
+    EXPECT_TRUE(served.events->those("ended").empty());
+    passTime(*served.queue, seconds(11));
+    EXPECT_EQ(served.events->await("ended"), "ended VELSocket 5");
+  }
+}
+
+// A body without a time-out may take as long as its reader likes; what follows it has its own time.
+TEST(SocketWriting, SlowReaderDoesNotUseUpTheTimeOfWhatFollows) {
+  ServedSocket served(nullptr, 4096);
+  const std::string body = pattern(20'000'000);
+  served.onQueue([&] {
+    served.socket->writeData(VELData(body), kNoTimeout, 0);
+    served.socket->writeData(VELData(std::string("next")), seconds(30), 1);
+  });
+  for (int i = 0; i < 3; ++i) {
+    settle(*served.queue);
+    passTime(*served.queue, seconds(60));
+  }
+  settle(*served.queue);
+  EXPECT_TRUE(served.events->all().empty());
+  EXPECT_TRUE(served.peer.receive(body.size()) == body);
+  EXPECT_EQ(served.peer.receive(4), "next");
+  EXPECT_NE(served.events->await("wrote 1"), "");
+}
+
+TEST(SocketWriting, TellsOfAPeerThatIsGone) {
+  ServedSocket served;
+  served.peer.close();
+  served.events->await("nothing that comes", 0);
+  served.onQueue([&] {
+    for (int i = 0; i < 50; ++i) {
+      served.socket->writeData(VELData(std::string(1'000'000, 'x')), kNoTimeout, i);
+    }
+  });
+  EXPECT_EQ(served.events->await("ended"), "ended VELSocket 7");
+}
+
+TEST(SocketWriting, KeepsTheOrderOfEachThread) {
+  constexpr int kThreads = 3;
+  constexpr int kWrites = 300;
+  ServedSocket served;
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kWrites; ++i) {
+        const std::string line = std::to_string(t) + " " + std::to_string(i) + "\n";
+        const auto write = [&] { served.socket->writeData(VELData(line), seconds(30), 0); };
+        // Posted, or by a caller of `sync`.
+        i % 3 == 0 ? served.onQueue(write) : write();
+      }
+    });
+  }
+  threads.clear();
+  served.socket->disconnectAfterWriting();
+  const std::string received = served.peer.receiveAll();
+  std::vector<int> next(kThreads, 0);
+  for (size_t at = 0; at < received.size();) {
+    const size_t end = received.find('\n', at);
+    const auto thread = static_cast<size_t>(received[at] - '0');
+    EXPECT_EQ(received.substr(at + 2, end - at - 2), std::to_string(next[thread]++));
+    at = end + 1;
+  }
+  for (const int count : next) EXPECT_EQ(count, kWrites);
+}
+
+// The reader is as fast as the writer, and nobody takes the loop away.
+TEST(SocketWriting, EndlessStreamLeavesOthersTheirTurn) {
+  const auto loops = std::make_shared<VELEventLoops>(1);
+  loops->pool()->watcher().stop();
+  std::atomic<bool> goes_on{true};
+  const VELData piece(std::string(50'000, 'x'));
+  ServedSocket served(loops);
+  served.onQueue([&] {
+    served.events->reaction = [&](VELSocket& socket, const std::string& event) {
+      if (!event.starts_with("wrote") || !goes_on) return;
+      socket.writeData(piece, kNoTimeout, 0);
+    };
+    served.socket->writeData(piece, kNoTimeout, 0);
+  });
+  std::jthread reading([&] { served.peer.receiveAll(); });
+  const auto other = std::make_shared<VELSerialQueue>("other", loops);
+  for (int i = 0; i < 50; ++i) {
+    Count done;
+    other->async([&] { done.add(); });
+    ASSERT_TRUE(done.reaches(1));
+  }
+  goes_on = false;
+  served.socket->disconnectAfterWriting();
+  reading.join();
+}
+
+// The other way round: a peer that sends without end.
+TEST(SocketWriting, EndlessSenderLeavesOthersTheirTurn) {
+  const auto loops = std::make_shared<VELEventLoops>(1);
+  loops->pool()->watcher().stop();
+  std::atomic<bool> goes_on{true};
+  ServedSocket served(loops);
+  served.onQueue([&] {
+    served.events->reaction = [](VELSocket& socket, const std::string& event) {
+      if (event.starts_with("read")) socket.readDataToLength(1000, seconds(30), 0);
+    };
+    served.socket->readDataToLength(1000, seconds(30), 0);
+  });
+  std::jthread sending([&] {
+    const std::string bytes(100'000, 'x');
+    while (goes_on) served.peer.send(bytes);
+  });
+  const auto other = std::make_shared<VELSerialQueue>("other", loops);
+  for (int i = 0; i < 50; ++i) {
+    Count done;
+    other->async([&] { done.add(); });
+    ASSERT_TRUE(done.reaches(1));
+  }
+  goes_on = false;
+  sending.join();
+}
+
+}  // namespace
+}  // namespace vel::test
