@@ -52,7 +52,7 @@ class CORVANE_EXPORT VELResponseHandler {
   requires(!std::same_as<std::remove_cvref_t<Function>, VELResponseHandler> &&
            std::invocable<Function&, std::shared_ptr<VELResponse>, std::optional<VELError>>)
       // NOLINTNEXTLINE(google-explicit-constructor, bugprone-forwarding-reference-overload)
-  VELResponseHandler(Function&& function)
+      VELResponseHandler(Function&& function)
       : VELResponseHandler(Callback(std::forward<Function>(function))) {}
   explicit VELResponseHandler(std::shared_ptr<vel::ResponseSink> sink);
 

@@ -71,8 +71,7 @@ class CORVANE_EXPORT VELSerialQueue : public std::enable_shared_from_this<VELSer
   /// Lets the host know of every exception that work of any queue ended with; it may end the process.
   /// Default: none, the process goes on.
   /// Queue:   the queue whose work threw, before its last resort is told.
-  static void setUncaughtExceptionHandler(
-      std::function<void(const std::exception_ptr&)> handler);
+  static void setUncaughtExceptionHandler(std::function<void(const std::exception_ptr&)> handler);
 
   /// Sets who is told when work throws.
   /// Queue:   this one, or before any work is posted.

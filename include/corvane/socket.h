@@ -79,8 +79,8 @@ class CORVANE_EXPORT VELSocket {
 
   /// A socket that is neither listening nor connected.
   /// Owner:   holds `delegate` weakly.
-  static std::shared_ptr<VELSocket> socketWithDelegate(std::weak_ptr<VELSocketDelegate> delegate,
-                                                       std::shared_ptr<VELSerialQueue> delegateQueue);
+  static std::shared_ptr<VELSocket> socketWithDelegate(
+      std::weak_ptr<VELSocketDelegate> delegate, std::shared_ptr<VELSerialQueue> delegateQueue);
 
   /// The bytes CR LF.
   static const VELData& CRLFData();

@@ -12,7 +12,9 @@ namespace {
 
 constexpr size_t kNotFound = SIZE_MAX;
 
-uint16_t bitOf(KnownField field) noexcept { return static_cast<uint16_t>(1U << static_cast<unsigned>(field)); }
+uint16_t bitOf(KnownField field) noexcept {
+  return static_cast<uint16_t>(1U << static_cast<unsigned>(field));
+}
 
 /// Cookies are joined as pairs of one field (RFC 6265 §5.4), everything else as a list.
 std::string_view separatorOf(KnownField field) noexcept {

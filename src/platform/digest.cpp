@@ -9,6 +9,7 @@
 #include "corvane/error.h"
 #include "platform/ascii.h"
 #include "platform/file.h"
+#include "platform/openssl_support.h"
 
 namespace vel {
 namespace {
@@ -23,11 +24,13 @@ constexpr std::string_view kBase64Alphabet =
 
 /// Looking an algorithm up by name is slow, so each is fetched once and kept.
 const EVP_MD* sha1Method() {
+  prepareOpenSSL();
   static EVP_MD* const method = EVP_MD_fetch(nullptr, "SHA1", nullptr);
   return method;
 }
 
 const EVP_MD* sha256Method() {
+  prepareOpenSSL();
   static EVP_MD* const method = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return method;
 }

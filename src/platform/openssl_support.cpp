@@ -1,13 +1,20 @@
 // The words for OpenSSL's failures, and sources over memory.
 #include "platform/openssl_support.h"
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 
 #include <climits>
 
 namespace vel {
 
+void prepareOpenSSL() noexcept {
+  static const int prepared = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  static_cast<void>(prepared);
+}
+
 BIOPointer bioOverBytes(std::string_view bytes) {
+  prepareOpenSSL();
   if (bytes.size() > INT_MAX) {
     return nullptr;
   }

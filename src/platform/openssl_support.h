@@ -34,6 +34,10 @@ using SSLContextPointer = std::unique_ptr<SSL_CTX, OpenSSLFree<SSL_CTX_free>>;
 using X509Pointer = std::unique_ptr<X509, OpenSSLFree<X509_free>>;
 using X509StackPointer = std::unique_ptr<STACK_OF(X509), X509StackFree>;
 
+/// Comes before any other use of OpenSSL: keeps it from tearing itself down when the process ends, since
+/// threads that drive loops go on until the very end.
+void prepareOpenSSL() noexcept;
+
 /// A source over `bytes`, which must outlive it; none when they are too many for OpenSSL.
 BIOPointer bioOverBytes(std::string_view bytes);
 

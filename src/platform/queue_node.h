@@ -10,9 +10,9 @@ struct QueueFrame;
 /// An entry of a queue's inbox. Sources and deadlines embed theirs, so that an event costs no memory.
 struct QueueNode {
   enum class Kind : uint8_t {
-    kWork,      // runs on whoever holds the queue; heap-allocated, deletes itself
-    kEvent,     // runs on a thread that drives a loop
-    kWaiter,    // is handed the queue
+    kWork,    // runs on whoever holds the queue; heap-allocated, deletes itself
+    kEvent,   // runs on a thread that drives a loop
+    kWaiter,  // is handed the queue
   };
 
   explicit QueueNode(Kind node_kind) noexcept : kind(node_kind) {}

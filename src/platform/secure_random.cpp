@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "corvane/error.h"
+#include "platform/openssl_support.h"
 
 namespace vel {
 namespace {
@@ -32,6 +33,7 @@ struct Buffer {
 constinit thread_local Buffer threadBuffer{};
 
 void fill(unsigned char* out, size_t size) {
+  prepareOpenSSL();
   while (size > 0) {
     const size_t piece = std::min<size_t>(size, INT_MAX);
     if (RAND_bytes(out, static_cast<int>(piece)) != 1) {

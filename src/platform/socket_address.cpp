@@ -85,7 +85,8 @@ void RawAddress::setPort(uint16_t port) noexcept {
 
 uint16_t RawAddress::port() const noexcept {
   if (family() == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
-  if (family() == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port);
+  if (family() == AF_INET6)
+    return ntohs(reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port);
   return 0;
 }
 
@@ -117,8 +118,9 @@ std::vector<RawAddress> addressesOfInterface(const std::string& interface, VELEr
   // Link-local IPv6 addresses with their scope ("fe80::1%eth0") are only understood here.
   if (addresses.empty()) addresses = lookUp(interface, nullptr, AI_NUMERICHOST, nullptr);
   if (addresses.empty() && error) {
-    *error = VELError(VELSocketErrorDomain, kVELSocketBadParameter,
-                      "\"" + interface + "\" is neither an interface nor an address of this machine.");
+    *error =
+        VELError(VELSocketErrorDomain, kVELSocketBadParameter,
+                 "\"" + interface + "\" is neither an interface nor an address of this machine.");
   }
   return addresses;
 }

@@ -41,9 +41,9 @@ TcpSocket::TcpSocket(int fd, std::shared_ptr<VELSerialQueue> queue)
 
 TcpSocket::~TcpSocket() {
   Deadline::remove();
-  if (listener_ && !queue_->isCurrent()) {
+  if (extras_ && extras_->listener && !queue_->isCurrent()) {
     // Its ports may be accepting just now; they find that the socket is gone, and close there.
-    queue_->async([listener = std::move(listener_)] {});
+    queue_->async([listener = std::move(extras_->listener)] {});
   }
   const int fd = fd_.load(std::memory_order_relaxed);
   if (fd >= 0) ::close(fd);
@@ -110,7 +110,7 @@ bool TcpSocket::acceptOnInterface(const std::optional<std::string>& interface, u
   if (!listener->open(interface, port, queue_, error)) return false;
   is_used_.store(true, std::memory_order_release);
   std::lock_guard lock(queueMutex());
-  listener_ = std::move(listener);
+  extras().listener = std::move(listener);
   state_ = State::kListening;
   return true;
 }
@@ -134,7 +134,7 @@ bool TcpSocket::connectToHost(const std::string& host, uint16_t port,
   onQueue([connector = std::make_shared<Connector>(shared_from_this(), host, port, timeout)](
               TcpSocket& socket) {
     if (socket.state() != State::kConnecting) return connector->cancel();
-    socket.connector_ = connector;
+    socket.extras().connector = connector;
     connector->start();
   });
   return true;
@@ -187,7 +187,7 @@ void TcpSocket::disconnect() {
       std::shared_ptr<Listener> listener;
       {
         std::lock_guard lock(queueMutex());
-        listener.swap(listener_);
+        listener.swap(extras_->listener);
         if (listener) state_ = State::kUnused;
       }
       if (listener) listener->close();
@@ -216,7 +216,7 @@ size_t TcpSocket::unsentLength() const {
 VELSocketAddress TcpSocket::localAddress() const {
   if (state() == State::kListening) {
     std::lock_guard lock(queueMutex());
-    return listener_ ? listener_->address() : VELSocketAddress{};
+    return extras_->listener ? extras_->listener->address() : VELSocketAddress{};
   }
   return localAddressOf(fd_.load());
 }
@@ -230,7 +230,7 @@ void TcpSocket::didAccept(int fd) {
 }
 
 void TcpSocket::didConnect(int fd, const std::string& host, uint16_t port) {
-  const std::shared_ptr<Connector> keep = std::move(connector_);
+  const std::shared_ptr<Connector> keep = std::move(extras().connector);
   fd_ = fd;
   is_registered_ = true;
   is_writable_ = true;
@@ -240,7 +240,7 @@ void TcpSocket::didConnect(int fd, const std::string& host, uint16_t port) {
 }
 
 void TcpSocket::didFailToConnect(VELError error) {
-  const std::shared_ptr<Connector> keep = std::move(connector_);
+  const std::shared_ptr<Connector> keep = std::move(extras().connector);
   onQueue([&error](TcpSocket& socket) { socket.end(std::move(error)); });
 }
 
@@ -289,8 +289,10 @@ void TcpSocket::beginTls(const VELTLSSettings& settings) {
 // Ends the connection; the delegate is told at the end of the turn.
 void TcpSocket::end(std::optional<VELError> error) {
   if (state() != State::kOpen && state() != State::kConnecting) return;
-  if (connector_) connector_->cancel();
-  connector_.reset();
+  if (connector() != nullptr) {
+    connector()->cancel();
+    extras_->connector.reset();
+  }
   if (error) extras().end_error = std::move(error);
   owes_end_ = true;
   // Closing over bytes that were not read makes the system reset the connection, and the peer may lose

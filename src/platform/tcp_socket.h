@@ -89,6 +89,9 @@ class TcpSocket final : public VELSocket,
     // Those of the reads that end at one of their own, in order.
     std::deque<VELData> terminators;
     std::optional<VELError> end_error;
+    // Replaced under the lock of queues.
+    std::shared_ptr<Listener> listener;
+    std::shared_ptr<Connector> connector;
   };
   // A read of a length that is gathered over several receives.
   struct Piece {
@@ -184,6 +187,7 @@ class TcpSocket final : public VELSocket,
   Fill fill(uint8_t* buffer, size_t capacity, size_t* length, Workspace& workspace);
   Fill fillPlain(uint8_t* buffer, size_t capacity, size_t* length);
   Fill fillTls(uint8_t* buffer, size_t capacity, size_t* length, Workspace& workspace);
+  Connector* connector() const noexcept { return extras_ ? extras_->connector.get() : nullptr; }
   bool isHandshaking() const noexcept { return tls_ && !tls_->session->isHandshakeDone(); }
 
   // Guarded by the lock of queues (tcp_socket.cpp); on the queue it may be read without.
@@ -219,9 +223,6 @@ class TcpSocket final : public VELSocket,
   std::unique_ptr<Piece> piece_;
   std::unique_ptr<Outgoing> outgoing_;
   std::unique_ptr<Tls> tls_;
-  // Replaced under the lock of queues.
-  std::shared_ptr<Listener> listener_;
-  std::shared_ptr<Connector> connector_;
   std::unique_ptr<Extras> extras_;
   // Keeps the socket while events can name it.
   std::shared_ptr<TcpSocket> self_;

@@ -78,7 +78,7 @@ void TcpSocket::finishMove(QueueFrame& frame) {
   const std::shared_ptr<TcpSocket> keep = shared_from_this();
   // An event of the old loop's present batch may still name the socket.
   frame.bury(keep);
-  if (connector_) connector_->queueWillChange(from, *target);
+  if (connector() != nullptr) connector()->queueWillChange(from, *target);
   if (&from != &to && is_registered_) {
     from.remove(fd_);
     if (!to.add(fd_, *this)) {

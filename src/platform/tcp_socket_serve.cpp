@@ -69,8 +69,8 @@ void TcpSocket::serve(QueueFrame& frame) {
     }
   } serving(*this, frame);
 
-  if (state() == State::kConnecting && connector_) {
-    const std::shared_ptr<Connector> connector = connector_;
+  if (state() == State::kConnecting && connector() != nullptr) {
+    const std::shared_ptr<Connector> connector = extras_->connector;
     const bool is_writable = is_writable_;
     const bool has_failed = hung_up_;
     hung_up_ = false;
@@ -348,9 +348,10 @@ void TcpSocket::readDidTimeOut() {
     end(VELError(VELSocketErrorDomain, kVELSocketTLSFailed, "The TLS handshake took too long."));
   } else if (tls_ && tls_->said_goodbye) {
     end(std::nullopt);
-  } else if (is_readable_ && !had_grace_) {
-    // The queue was busy: what came in time is looked at before the time counts.
+  } else if (!had_grace_) {
+    // The queue may have been busy: what came in time is looked at before the time counts.
     had_grace_ = true;
+    is_readable_ = true;
   } else {
     end(VELError(VELSocketErrorDomain, kVELSocketReadTimeout, "Reading took too long."));
   }

@@ -110,6 +110,7 @@ std::string faultOfSettings(const VELTLSSettings& settings) {
 }
 
 std::shared_ptr<TlsContext> buildContext(const VELTLSSettings& settings) {
+  prepareOpenSSL();
   ERR_clear_error();
   SSLContextPointer context(
       SSL_CTX_new(settings.isServer ? TLS_server_method() : TLS_client_method()));

@@ -4,6 +4,7 @@
 
 #include "corvane/response.h"
 #include "corvane/responses.h"
+#include "platform/ascii.h"
 #include "platform/file.h"
 #include "platform/media_types.h"
 #include "platform/utf8.h"
@@ -18,12 +19,14 @@ std::string decimalText(uint64_t number) {
   return {digits.data(), end};
 }
 
-/// What the system says about the file, else what the table says about its name, else nothing: an
-/// unknown file is not announced as application/octet-stream.
+/// What is known about a file of this kind, else what the table says about the name as it stands, else
+/// nothing: an unknown file is not announced as application/octet-stream. The table's own answers stand
+/// before those of the system, which differ from one to the next.
 std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists) {
   const std::string extension = fileURL.pathExtension();
   std::optional<std::string_view> type;
-  if (exists) type = vel::MediaTypes::system().typeForExtension(extension);
+  if (exists) type = vel::contentTypeForFileExtension(vel::lowercased(extension));
+  if (exists && !type) type = vel::MediaTypes::system().typeForExtension(extension);
   if (!type) type = vel::contentTypeForFileExtension(extension);
   if (!type) return std::nullopt;
   return std::string(*type);

@@ -296,7 +296,8 @@ TEST(SocketEnding, LeavesNothingBehind) {
       const auto queue = std::make_shared<VELSerialQueue>("session", loops);
       const auto session = std::make_shared<Session>();
       session->own = socket;
-      session->reaction = [this, kind, session](VELSocket& own, const std::string& event) mutable {
+      session->reaction = [this, kind, session = std::shared_ptr<Session>(session)](
+                              VELSocket& own, const std::string& event) mutable {
         if (event.starts_with("read") && kind == 1) own.disconnect();
         if (event.starts_with("read") && kind == 2) own.disconnectAfterWriting();
         if (!event.starts_with("ended")) return;
@@ -327,7 +328,9 @@ TEST(SocketEnding, LeavesNothingBehind) {
       // The other end may be gone already.
     }
     peer.reset();  // leaves no port waiting
-    if (i % 100 == 0) ASSERT_TRUE(server->ended.reaches(i - 100));
+    if (i % 100 == 0) {
+      ASSERT_TRUE(server->ended.reaches(i - 100));
+    }
   }
   EXPECT_TRUE(server->ended.reaches(kConnections));
   settle(*queue);

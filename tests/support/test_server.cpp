@@ -85,6 +85,8 @@ TestServer::~TestServer() {
   // Killed connections are out of the server's set at once, but close one after the other.
   EXPECT_TRUE(waitUntil([this] { return unclosed_ == 0; }));
   observation_ = VELObservation();
+  server_.reset();
+  loops_->stop();
 }
 
 std::unique_ptr<WireClient> TestServer::connect() {

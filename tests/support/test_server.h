@@ -75,7 +75,6 @@ class TestServer {
   bool waitUntil(const Predicate& predicate);
 
   const Transport transport_;
-  // Not stopped by hand: closed sockets still wait on them for their clients to close.
   std::shared_ptr<VELEventLoops> loops_;
   std::shared_ptr<VELServer> server_;
   VELObservation observation_;
