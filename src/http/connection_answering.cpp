@@ -11,6 +11,7 @@
 #include "http/request_report.h"
 #include "http/response_call.h"
 #include "http/tags.h"
+#include "platform/recycled.h"
 
 namespace vel {
 
@@ -71,7 +72,7 @@ void ConnectionEngine::evaluate() {
   const std::shared_ptr<const ConfigurationSnapshot> holder = exchange_->own_configuration;
   VELRoute& route = *exchange_->route;
   std::shared_ptr<ResponseSink> call =
-      std::make_shared<ResponseCall>(connection_.weak_from_this(), *this);
+      makeRecycled<ResponseCall>(connection_.weak_from_this(), *this);
   route.evaluateWithRequest(exchange_->request, VELResponseHandler(std::move(call)));
 }
 

@@ -7,6 +7,7 @@
 #include "http/request_report.h"
 #include "http/tags.h"
 #include "platform/log.h"
+#include "platform/recycled.h"
 
 namespace vel {
 
@@ -39,7 +40,7 @@ void ConnectionEngine::socketDidReadData(VELSocket& /*socket*/, const VELData& d
 void ConnectionEngine::beginExchange() {
   auto exchange = std::make_unique<Exchange>();
   exchange->configuration = &configuration_.current(&exchange->own_configuration);
-  exchange->request = std::make_shared<ReceivedRequest>();
+  exchange->request = makeRecycled<ReceivedRequest>();
   exchange->report = reportFactsFor(server_.lock(), *socket_);
   exchange_ = std::move(exchange);
 }

@@ -16,6 +16,7 @@
 #include "http/request_access.h"
 #include "http/request_body.h"
 #include "http/transmitter.h"
+#include "platform/recycled.h"
 
 namespace vel {
 
@@ -41,6 +42,9 @@ struct ReportFacts {
 /// Queue:   the connection's.
 struct Exchange {
   enum class Phase : uint8_t { kHead, kBody, kEvaluating, kSending, kAbandoned };
+
+  static void* operator new(size_t) { return RecycledPlace<Exchange>::take(); }
+  static void operator delete(void* place) noexcept { RecycledPlace<Exchange>::giveBack(place); }
 
   Phase phase = Phase::kHead;
   // What was in force when the first line came; held by `own_configuration` unless the connection

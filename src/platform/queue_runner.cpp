@@ -91,9 +91,12 @@ struct QueueRunner::Waiter final : QueueNode {
 void QueueRunner::post(VELSerialQueue& queue, QueueNode& node) {
   uintptr_t word = queue.word_.load(std::memory_order_relaxed);
   bool must_list = false;
+  // The work may hold the last other reference and be over before this returns.
+  std::shared_ptr<VELSerialQueue> strong;
   do {
     node.next = nodeOf(word);
     must_list = (word & kBits) == 0;
+    if (must_list && !strong) strong = queue.shared_from_this();
     const uintptr_t bits = must_list ? kListed : (word & kBits);
     const uintptr_t posted = reinterpret_cast<uintptr_t>(&node) | bits;
     if (queue.word_.compare_exchange_weak(word, posted, std::memory_order_release,
@@ -101,7 +104,7 @@ void QueueRunner::post(VELSerialQueue& queue, QueueNode& node) {
       break;
     }
   } while (true);
-  if (must_list) queue.loop_->list(queue.shared_from_this());
+  if (must_list) strong->loop_->list(strong);
 }
 
 bool QueueRunner::holdListed(VELSerialQueue& queue) noexcept {
@@ -209,7 +212,7 @@ void QueueRunner::freeAndList(VELSerialQueue& queue) {
   while (!queue.word_.compare_exchange_weak(word, (word & ~kRun) | kListed,
                                             std::memory_order_release, std::memory_order_relaxed)) {
   }
-  if ((word & kListed) == 0) strong->loop_->list(std::move(strong));
+  if ((word & kListed) == 0) strong->loop_->list(strong);
 }
 
 void QueueRunner::handleReadiness(EventSource& source, uint32_t readiness,

@@ -7,6 +7,7 @@
 #include "platform/ascii.h"
 #include "platform/file.h"
 #include "platform/media_types.h"
+#include "platform/recycled.h"
 #include "platform/utf8.h"
 #include "responses/content_types.h"
 #include "responses/text_encoding.h"
@@ -36,7 +37,7 @@ std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists)
 
 std::shared_ptr<VELResponse> VELResponse::responseWithData(VELData data, uint64_t status,
                                                            std::optional<std::string> contentType) {
-  auto response = std::make_shared<VELDataResponse>();
+  const std::shared_ptr<VELDataResponse> response = vel::makeRecycled<VELDataResponse>();
   VELResponse& base = *response;
   base.status_ = status;
   base.content_length_ = data.length();
