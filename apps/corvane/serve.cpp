@@ -43,11 +43,12 @@ std::string hostInURL(const std::string& host) {
 }
 
 /// One line, flushed: whoever started the program reads it to learn the address.
-void announce(const VELServer& server, bool is_secure) {
+/// The one line by which whoever started the program learns where it listens. False when it got lost.
+bool announce(const VELServer& server, bool is_secure) {
   const VELSocketAddress address = server.listeningAddress();
   std::printf("Listening on %s://%s:%u/\n", is_secure ? "https" : "http",
               hostInURL(address.host).c_str(), static_cast<unsigned>(server.listeningPort()));
-  std::fflush(stdout);
+  return std::fflush(stdout) == 0;
 }
 
 /// Waits for a signal, after which the next one has its default action.
@@ -122,7 +123,9 @@ int serve(const ServeOptions& options) {
     return cannotStart("cannot listen on " + hostInURL(options.host) + ":" +
                        std::to_string(options.port) + ": " + error.localizedDescription());
   }
-  announce(*server, is_secure);
+  if (!announce(*server, is_secure)) {
+    return cannotStart("standard output cannot be written, so nobody would learn the address");
+  }
   waitForEndingSignal();
   drain(*server);
   return EXIT_SUCCESS;

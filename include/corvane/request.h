@@ -66,7 +66,8 @@ class CORVANE_EXPORT VELRequest {
   std::optional<VELTextCheckingResult> textCheckingResult() const;
   void setTextCheckingResult(std::optional<VELTextCheckingResult> textCheckingResult);
   /// The items of the URL's query, percent-decoded; "+" stays as it is.
-  /// Shape:   the last of equal names counts; a name without "=" erases it.
+  /// Shape:   the last of equal names counts; a name without "=" erases it. A name or value with a
+  ///          malformed escape, or one that spells no UTF-8, keeps its literal text.
   const VELDictionary& GETParameters() const;
   void setGETParameters(VELDictionary GETParameters);
   /// Empty for form content, and for a request without a content type; none for any other. It is never

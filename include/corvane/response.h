@@ -50,8 +50,8 @@ class CORVANE_EXPORT VELResponse {
       std::string_view string, unsigned encoding, uint64_t status,
       std::optional<std::string> contentType = std::nullopt);
   /// Makes a `VELFileResponse`. A file whose size cannot be told has a `contentLength` of 0.
-  /// Default: the content type that the system, else the library's table, has for the file's
-  ///          extension, or none.
+  /// Default: the content type that the library's table has for the file's extension (in any letter
+  ///          case when the file exists), else the one of the system's media types file, or none.
   static std::shared_ptr<VELResponse> responseWithFileURL(
       const VELURL& fileURL, uint64_t status,
       std::optional<std::string> contentType = std::nullopt);

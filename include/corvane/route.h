@@ -22,7 +22,7 @@ using VELMethodList = std::shared_ptr<const std::vector<std::string>>;
 /// struct Version : VELRoute {
 ///   using VELRoute::VELRoute;
 ///   void evaluateWithRequest(std::shared_ptr<VELRequest>, VELResponseHandler handler) override {
-///     handler(VELResponse::responseWithString("1", 4, 200, "text/plain"));
+///     handler(VELResponse::responseWithString("1", VELUTF8StringEncoding, 200, "text/plain"));
 ///   }
 /// };
 /// auto route = std::make_shared<Version>("/version", false);

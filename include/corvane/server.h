@@ -57,6 +57,7 @@ struct VELRequestSummary {
   std::string_view target;
   std::string_view version;
   const VELSocketAddress& peerAddress;
+  /// 0 when there was no answer: the peer went away, or the route threw.
   uint64_t status;
   /// Shape:   bytes of the answer handed to the socket: all of them, and those of the body.
   uint64_t bytesSent;
@@ -132,7 +133,9 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
   [[nodiscard]] VELObservation observe(const std::string& key,
                                        std::function<void(const VELChange&)> callback);
 
-  /// `handler` is told of every finished request, answers without a route included.
+  /// `handler` is told of every answer, those without a route included, and of complete requests whose
+  /// connection ended before their answer did. Connections dropped while they still sent their request
+  /// are not told.
   /// Queue:   the connection's.
   void setRequestFinishedHandler(std::function<void(const VELRequestSummary&)> handler);
 

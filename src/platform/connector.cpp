@@ -43,13 +43,15 @@ void Connector::start() {
   }
 }
 
-void Connector::queueWillChange(EventLoop& from, VELSerialQueue& queue) {
+void Connector::queueWillChange(EventLoop& from, EventLoop& to) {
   Deadline::remove();
-  if (due_ != kNever) armAt(queue, due_);
-  EventLoop& to = QueueRunner::loopOf(queue);
   if (fd_ < 0 || &from == &to) return;
   from.remove(fd_);
   if (!to.add(fd_, *socket_)) fail(VELError(VELPOSIXErrorDomain, errno, std::strerror(errno)));
+}
+
+void Connector::queueDidChange() {
+  if (due_ != kNever) armAt(*socket_->queue_, due_);
 }
 
 void Connector::cancel() {

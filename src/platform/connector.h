@@ -30,8 +30,10 @@ class Connector final : private Deadline, public std::enable_shared_from_this<Co
   void cancel();
   /// The descriptor at hand has become writable or failed.
   void handleReadiness(bool is_writable, bool has_failed);
-  /// The socket goes from the loop `from` to `queue`.
-  void queueWillChange(EventLoop& from, VELSerialQueue& queue);
+  /// The socket is about to go to a queue of the loop `to`.
+  void queueWillChange(EventLoop& from, EventLoop& to);
+  /// It has arrived.
+  void queueDidChange();
 
  private:
   void lookUpDidEnd(std::vector<RawAddress> addresses, VELError error);

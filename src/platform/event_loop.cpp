@@ -58,12 +58,16 @@ bool EventSource::retire() noexcept {
 }
 
 void EventSource::runNode(QueueFrame& frame) {
+  VELSerialQueue* queue = sourceQueue();
+  if (queue != frame.queue && (pending_.load(std::memory_order_acquire) & kRetired) == 0) {
+    // The source went to another queue while this was on its way. What is pending stays so: the source
+    // cannot retire there and be freed before its node has come.
+    QueueRunner::post(*queue, *this);
+    return;
+  }
   const uint32_t readiness = pending_.fetch_and(kRetired, std::memory_order_acq_rel);
   if (readiness & kRetired) {
     didRetire(frame);
-  } else if (sourceQueue() != frame.queue) {
-    // The source went to another queue while this was on its way.
-    notify(readiness);
   } else {
     handleReadiness(readiness, frame);
   }
@@ -128,6 +132,7 @@ void EventLoop::bury(std::vector<std::shared_ptr<void>> objects) {
     std::move(objects.begin(), objects.end(), std::back_inserter(graves_));
     has_graves_.store(true, std::memory_order_seq_cst);
   }
+  if (is_dropped_.load(std::memory_order_seq_cst)) return takeGraves().clear();
   wakeIfAsleep();
 }
 
@@ -268,7 +273,7 @@ void EventLoop::dropWork() noexcept {
   }
   dropPosted();
   wheel_.drop();
-  while (has_graves_.load(std::memory_order_acquire)) takeGraves().clear();
+  while (has_graves_.load(std::memory_order_seq_cst)) takeGraves().clear();
 }
 
 // Any thread may come here at the same time: each takes a list of its own.

@@ -106,6 +106,8 @@ class ListeningPort final : public EventSource, public std::enable_shared_from_t
   void didRetire(QueueFrame& frame) override {
     if (self_) frame.bury(std::move(self_));
   }
+  // The loops have stopped: nobody will come for the port any more.
+  void dropNode() noexcept override { const std::shared_ptr<ListeningPort> end = std::move(self_); }
 
  private:
   // The connections behind one whose delegate throws still get their turn.

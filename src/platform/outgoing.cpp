@@ -115,6 +115,10 @@ void Outgoing::shrink() {
     gather_sent_ = 0;
   }
   if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrink_to_fit();
+  if (first_mark_ > marks_.size() / 2) {
+    marks_.erase(marks_.begin(), marks_.begin() + static_cast<ptrdiff_t>(first_mark_));
+    first_mark_ = 0;
+  }
   if (first_item_ > items_.size() / 2) {
     items_.erase(items_.begin(), items_.begin() + static_cast<ptrdiff_t>(first_item_));
     first_item_ = 0;

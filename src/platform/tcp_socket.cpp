@@ -65,7 +65,8 @@ QueueFrame* TcpSocket::holdingFrame() const noexcept {
 // What nobody else keeps alive until the end of the turn is kept by the turn.
 void TcpSocket::seeToTurnEnd(QueueFrame& frame) {
   if (is_serving_ || isListed()) return;
-  if (!self_) frame.bury(shared_from_this());
+  // Once it has ended, `self_` belongs to the notice that is still on its way.
+  if (state() == State::kEnded || !self_) frame.bury(shared_from_this());
   frame.listTurnEnd(*this);
 }
 
@@ -168,7 +169,8 @@ void TcpSocket::writeData(VELData data, std::chrono::milliseconds timeout, int64
     return;
   }
   const bool takes = state() == State::kOpen || state() == State::kConnecting;
-  if (!takes || closes_after_writing_ || (!is_registered_ && !open())) return;
+  if (!takes || closes_after_writing_) return;
+  if (!is_registered_ && !open()) return seeToTurnEnd(*frame);
   if (!outgoing_) {
     outgoing_ =
         frame->driven ? frame->thread.workspace().takeOutgoing() : std::make_unique<Outgoing>();
@@ -241,7 +243,7 @@ void TcpSocket::didConnect(int fd, const std::string& host, uint16_t port) {
 
 void TcpSocket::didFailToConnect(VELError error) {
   const std::shared_ptr<Connector> keep = std::move(extras().connector);
-  onQueue([&error](TcpSocket& socket) { socket.end(std::move(error)); });
+  onQueue([error = std::move(error)](TcpSocket& socket) { socket.end(error); });
 }
 
 // Begins to watch the descriptor, at the first use of an accepted socket.

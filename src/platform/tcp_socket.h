@@ -157,6 +157,11 @@ class TcpSocket final : public VELSocket,
   // EventSource, TurnEnd, Deadline
   void handleReadiness(uint32_t readiness, QueueFrame& frame) override;
   void didRetire(QueueFrame& frame) override;
+  // The loops have stopped: nobody will come for the socket any more.
+  void dropNode() noexcept override { const std::shared_ptr<TcpSocket> end = std::move(self_); }
+  void deadlineWillNeverFire() noexcept override {
+    const std::shared_ptr<TcpSocket> end = std::move(self_);
+  }
   void turnWillEnd(QueueFrame& frame) override;
   void deadlineDidFire() override;
   std::shared_ptr<void> deadlineOwner() override { return weak_from_this().lock(); }

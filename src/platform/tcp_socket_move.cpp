@@ -78,7 +78,7 @@ void TcpSocket::finishMove(QueueFrame& frame) {
   const std::shared_ptr<TcpSocket> keep = shared_from_this();
   // An event of the old loop's present batch may still name the socket.
   frame.bury(keep);
-  if (connector() != nullptr) connector()->queueWillChange(from, *target);
+  if (connector() != nullptr) connector()->queueWillChange(from, to);
   if (&from != &to && is_registered_) {
     from.remove(fd_);
     if (!to.add(fd_, *this)) {
@@ -106,6 +106,7 @@ void TcpSocket::arrive() {
 // Makes the calls that came from other threads while the socket moved, the first thing on its new queue.
 void TcpSocket::runMovedCalls() {
   move_state_.store(MoveState::kArriving, std::memory_order_release);
+  if (connector() != nullptr) connector()->queueDidChange();
   std::vector<std::function<void(TcpSocket&)>> calls;
   for (size_t index = 0; move_state_.load(std::memory_order_relaxed) == MoveState::kArriving;
        ++index) {

@@ -22,6 +22,8 @@ constexpr std::chrono::milliseconds kHandshakeTime{30'000};
 constexpr std::chrono::milliseconds kGoodbyeTime{30'000};
 // How often a socket that waits without a time-out looks whether anybody is left to be told.
 constexpr std::chrono::milliseconds kLookTime{30'000};
+// Room for ciphertext that an idle connection may keep.
+constexpr size_t kKeptTlsOutput = 1024;
 // A read of a length beyond this is gathered in a buffer of its own.
 constexpr size_t kPieceFrom = Workspace::kReceive / 2;
 // What such a buffer begins with at most: a peer that announces much must send it before it costs memory.
@@ -112,6 +114,10 @@ void TcpSocket::finishTurn(Workspace& workspace) {
     workspace.giveBack(std::move(outgoing_));
   } else if (outgoing_) {
     outgoing_->shrink();
+  }
+  // An idle connection keeps no room for what it once sent.
+  if (tls_ && tls_->output.empty() && tls_->output.capacity() > kKeptTlsOutput) {
+    std::string().swap(tls_->output);
   }
   if (state() == State::kOpen && isForsaken(1)) end(std::nullopt);
   armDeadlines();
@@ -282,7 +288,7 @@ void TcpSocket::finishWriting() {
 // Moves what was read ahead out of the thread's buffer.
 void TcpSocket::keepInput() {
   if (tls_ && (tls_->input.empty() || tls_->input.data() != tls_->received.data())) {
-    tls_->received = std::string(tls_->input);
+    std::string(tls_->input).swap(tls_->received);
     tls_->input = tls_->received;
   }
   if (input_.empty()) {

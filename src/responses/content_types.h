@@ -1,5 +1,5 @@
-// The library's own table of file extensions and media types. What the system knows about a file is
-// asked before it, elsewhere.
+// The library's own table of file extensions and media types. What the system knows about extensions that
+// it lacks is asked elsewhere.
 #pragma once
 
 #include <optional>

@@ -55,6 +55,8 @@ Value valueOfProperty(std::any* value, const std::string& key) {
 
 double secondsOfProperty(std::any* value, const std::string& key) {
   if (const auto* const whole = std::any_cast<int>(value)) return *whole;
+  if (const auto* const wide = std::any_cast<int64_t>(value)) return static_cast<double>(*wide);
+  if (const auto* const real = std::any_cast<float>(value)) return static_cast<double>(*real);
   return valueOfProperty<double>(value, key);
 }
 
