@@ -24,7 +24,10 @@ void TcpSocket::setDelegate(std::weak_ptr<VELSocketDelegate> delegate,
     return postCall([=](TcpSocket& socket) { socket.setDelegate(delegate, delegateQueue); });
   }
   if (holdingFrame() == nullptr) {
-    return this->delegateQueue()->sync([&] { setDelegate(delegate, delegateQueue); });
+    const std::shared_ptr<VELSerialQueue> present = this->delegateQueue();
+    // Another change of queue may have come in between: then all is looked at again.
+    if (present->isCurrent()) return setDelegate(std::move(delegate), std::move(delegateQueue));
+    return present->sync([&] { setDelegate(delegate, delegateQueue); });
   }
   if (delegateQueue == queue_ && !move_) {
     delegate_.swap(delegate);
