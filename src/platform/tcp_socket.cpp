@@ -143,7 +143,9 @@ bool TcpSocket::connectToHost(const std::string& host, uint16_t port,
 
 void TcpSocket::readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                                size_t maxLength, int64_t tag) {
-  const bool is_crlf = terminator.view() == CRLFData().view();
+  const VELData& crlf = CRLFData();
+  const bool is_crlf = terminator.length() == crlf.length() &&
+                       (terminator.bytes() == crlf.bytes() || terminator.view() == crlf.view());
   const ReadRequest request{maxLength, tag, timeout,
                             is_crlf ? ReadEnd::kCRLF : ReadEnd::kTerminator};
   if (is_crlf) {

@@ -168,7 +168,7 @@ bool TcpSocket::serveRead(VELSocketDelegate& delegate, Workspace& workspace) {
   }
   const size_t length =
       std::min<size_t>(read_.length == 0 ? input_.size() : read_.length, input_.size());
-  if (const size_t end = findTerminator(input_.substr(0, length)); end != 0) {
+  if (const size_t end = findTerminator({input_.data(), length}); end != 0) {
     if (read_.end == ReadEnd::kTerminator) extras_->terminators.pop_front();
     deliver(delegate, end);
     return true;
