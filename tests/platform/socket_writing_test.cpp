@@ -36,6 +36,16 @@ void settle(VELSerialQueue& queue) {
   }
 }
 
+// Another queue of the same loops keeps getting its turn.
+void expectTurnsForOthers(const std::shared_ptr<VELEventLoops>& loops) {
+  const auto other = std::make_shared<VELSerialQueue>("other", loops);
+  for (int i = 0; i < 50; ++i) {
+    Count done;
+    other->async([&] { done.add(); });
+    ASSERT_TRUE(done.reaches(1));
+  }
+}
+
 TEST(SocketWriting, KeepsTheOrderOfAllSizes) {
   const size_t sizes[] = {10, 0, 300'000, 1, 0, 20'000, 5, 5'000'000, 16'384, 16'385, 0};
   for (const bool at_once : {true, false}) {
@@ -203,12 +213,7 @@ TEST(SocketWriting, EndlessStreamLeavesOthersTheirTurn) {
     served.socket->writeData(piece, kNoTimeout, 0);
   });
   std::jthread reading([&] { served.peer.receiveAll(); });
-  const auto other = std::make_shared<VELSerialQueue>("other", loops);
-  for (int i = 0; i < 50; ++i) {
-    Count done;
-    other->async([&] { done.add(); });
-    ASSERT_TRUE(done.reaches(1));
-  }
+  expectTurnsForOthers(loops);
   goes_on = false;
   served.socket->disconnectAfterWriting();
   reading.join();
@@ -230,12 +235,7 @@ TEST(SocketWriting, EndlessSenderLeavesOthersTheirTurn) {
     const std::string bytes(100'000, 'x');
     while (goes_on) served.peer.send(bytes);
   });
-  const auto other = std::make_shared<VELSerialQueue>("other", loops);
-  for (int i = 0; i < 50; ++i) {
-    Count done;
-    other->async([&] { done.add(); });
-    ASSERT_TRUE(done.reaches(1));
-  }
+  expectTurnsForOthers(loops);
   goes_on = false;
   sending.join();
 }
