@@ -1,5 +1,5 @@
 """What is measured: processor time per request in alternating rounds, user instructions, system
-calls, and resident bytes per idle connection. README.md says why it is done this way.
+calls, and resident memory. README.md says why it is done this way.
 """
 
 import collections
@@ -12,10 +12,11 @@ import statistics
 import subprocess
 import time
 
-from processes import (BenchError, child_of, cpu_nanoseconds, expect, resident_bytes, settle)
+import loads
+from processes import (BenchError, child_of, cpu_nanoseconds, expect, peak_bytes, reset_peak,
+                       resident_bytes, settle)
 
-WARM_UP = {"keep-alive": 1000, "browser": 1000, "pipelined": 4000, "connection": 300}
-IDLE_CONNECTIONS = 10_000
+MEBIBYTE = 2**20
 WAITS = {"epoll_wait", "epoll_pwait", "epoll_pwait2", "restart_syscall"}
 
 
@@ -39,8 +40,8 @@ class Ratios:
 
 def cpu_per_request(bench, target, load, requests):
     """Nanoseconds of processor time of one fresh server per request of one load."""
-    with bench.server(target) as (server, port), \
-            bench.load(port, load, "--wait", "--warmup", WARM_UP[load],
+    with bench.server(target, load.service) as (server, port), \
+            bench.load(port, *load.words, "--wait", "--warmup", load.warmup,
                        "--requests", requests) as client:
         expect(client, "ready")
         settle(server.pid)
@@ -86,18 +87,19 @@ def ratios(results, name, *bases):
     return Ratios(one / mean for one, mean in zip(results[name], means))
 
 
-def instructions_per_request(bench, target, load, few, many):
-    """User instructions under callgrind; the difference of two runs leaves out the start."""
-    first = _instructions(bench, target, load, few)
-    return (_instructions(bench, target, load, many) - first) / (many - few)
+def instructions_per_request(bench, target, words, few, many, service="plain"):
+    """User instructions under callgrind; the difference of two runs leaves out the start. `words`
+    is what the load program is told."""
+    first = _instructions(bench, target, words, few, service)
+    return (_instructions(bench, target, words, many, service) - first) / (many - few)
 
 
-def _instructions(bench, target, load, requests):
+def _instructions(bench, target, words, requests, service):
     file = pathlib.Path(bench.directory) / "callgrind.out"
     file.unlink(missing_ok=True)
     wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={file}"]
-    with bench.server(target, wrapper) as (server, port):
-        bench.run_load(port, load, requests)
+    with bench.server(target, service, wrapper) as (server, port):
+        bench.run_load(port, *words, "--requests", requests)
         settle(server.pid)
     text = file.read_text() if file.exists() else ""
     match = re.search(r"^totals: (\d+)", text, re.MULTILINE)
@@ -121,19 +123,23 @@ class Calls:
         return ", ".join(parts) + f"; waits {self.waits:.2f}"
 
 
-def calls_per_request(bench, target, load, few, many):
-    """System calls of all threads under strace; the difference of two runs leaves out the start."""
-    first = _calls(bench, target, load, few)
-    second = _calls(bench, target, load, many)
-    return Calls({name: (second[name] - first[name]) / (many - few) for name in second})
+def calls_per_request(bench, target, words, few, many, service="plain", only=None):
+    """System calls of all threads under strace; the difference of two runs leaves out the start.
+    With `only`, a name, all others run at full speed: calls that come with time, not with
+    requests, are then as rare as they are without a tracer."""
+    first = _calls(bench, target, words, few, service, only)
+    second = _calls(bench, target, words, many, service, only)
+    names = [only] if only else second
+    return Calls({name: (second[name] - first[name]) / (many - few) for name in names})
 
 
-def _calls(bench, target, load, requests):
+def _calls(bench, target, words, requests, service, only):
     file = pathlib.Path(bench.directory) / "strace.out"
     file.unlink(missing_ok=True)
-    with bench.server(target, ["strace", "-f", "-qq", "-c", "-o", str(file)]) as (tracer, port):
-        # Few connections: how many accepts find nothing more to accept differs from run to run.
-        bench.run_load(port, load, requests, connections=16)
+    wrapper = ["strace", "-f", "-qq", "-c", "-o", str(file)]
+    wrapper += ["--seccomp-bpf", "-e", f"trace={only}"] if only else []
+    with bench.server(target, service, wrapper) as (tracer, port):
+        bench.run_load(port, *words, "--requests", requests)
         traced = child_of(tracer.pid)
         settle(traced)
         os.kill(traced, signal.SIGTERM)
@@ -150,16 +156,36 @@ def _calls(bench, target, load, requests):
 
 def bytes_per_idle_connection(bench, target):
     """Growth of the resident set over 10,000 connections that have had one answer each."""
+    count = loads.IDLE_CONNECTIONS
     with bench.server(target) as (server, port):
-        bench.run_load(port, "keep-alive", 2000, connections=8)
+        bench.run_load(port, "--load", "keep-alive", "--requests", 2000, "--connections", 8)
         settle(server.pid)
         before = resident_bytes(server.pid)
-        with bench.load(port, "idle", "--wait", "--connections", IDLE_CONNECTIONS) as client:
+        with bench.load(port, "--load", "idle", "--wait", "--connections", count) as client:
             expect(client, "ready")
             client.tell("go")
             expect(client, "done")
             settle(server.pid)
-            return (resident_bytes(server.pid) - before) / IDLE_CONNECTIONS
+            return (resident_bytes(server.pid) - before) / count
+
+
+def large_upload(bench, target, load_name, mebibytes):
+    """One upload: how far memory rose above that of the idle server, in MiB, and nanoseconds of
+    processor time per MiB."""
+    with bench.server(target, "upload") as (server, port):
+        words = ("--load", load_name, "--connections", 1)
+        bench.run_load(port, *words, "--requests", 8, "--body", 64 * 1024)
+        settle(server.pid)
+        reset_peak(server.pid)
+        peak, time_used = peak_bytes(server.pid), cpu_nanoseconds(server.pid)
+        bench.run_load(port, *words, "--requests", 1, "--body", mebibytes * MEBIBYTE)
+        settle(server.pid)
+        return ((peak_bytes(server.pid) - peak) / MEBIBYTE,
+                (cpu_nanoseconds(server.pid) - time_used) / mebibytes)
+
+
+def has_tool(name):
+    return shutil.which(name) is not None
 
 
 def machine_facts(core):

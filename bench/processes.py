@@ -1,5 +1,6 @@
-"""The processes of a benchmark: servers and loads, pinned to one core, and the kernel's account of
-them. Everything started here is stopped here, whatever happens. What is measured is in measures.py.
+"""The processes of a benchmark: servers and loads, pinned to their cores, and what the kernel says
+of them. Everything started here is stopped here, whatever happens. What is measured is in
+measures.py.
 """
 
 import contextlib
@@ -14,21 +15,22 @@ import subprocess
 import tempfile
 import time
 
+from loads import ANSWER
+
 START_SECONDS = 30
-LOAD_SECONDS = 120
-ANSWER = "Hello, world!"
+LOAD_SECONDS = 300
 
 
 class BenchError(Exception):
     """A measurement that cannot be made, with the reason."""
 
 
-def _prepare_child(core, batch):
-    """Runs in the child: one core, batch priority for the load, death with the parent."""
+def _prepare_child(cores, batch):
+    """Runs in the child: its cores, batch priority for the load, death with the parent."""
 
     def prepare():
         ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
-        os.sched_setaffinity(0, {core})
+        os.sched_setaffinity(0, cores)
         if batch:
             os.sched_setscheduler(0, os.SCHED_BATCH, os.sched_param(0))
 
@@ -40,13 +42,14 @@ class Child:
 
     _running = set()
 
-    def __init__(self, command, core, batch=False):
+    def __init__(self, command, cores, batch=False, environment=None):
         self.command = command
         self._text = b""
         self._errors = tempfile.TemporaryFile()  # a pipe that nobody reads would block the child
         self._process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True,
-            stderr=self._errors, preexec_fn=_prepare_child(core, batch))
+            stderr=self._errors, preexec_fn=_prepare_child(cores, batch),
+            env={**os.environ, **(environment or {})})
         self.pid = self._process.pid
         Child._running.add(self)
 
@@ -105,48 +108,6 @@ class Child:
             child.stop()
 
 
-class Target:
-    """A server to measure: its name and how it is started."""
-
-    def __init__(self, name, command):
-        self.name = name
-        self._command = [str(part) for part in command]
-
-    def command(self, _directory):
-        """The command and the port, where the server does not choose and print one itself."""
-        return self._command, None
-
-
-class Nginx(Target):
-    """nginx with one process, its logs off, and the same answer out of its configuration."""
-
-    CONFIGURATION = """
-daemon off; master_process off; worker_processes 1; error_log stderr crit; pid {directory}/pid;
-worker_rlimit_nofile 20000;
-events {{ worker_connections 12000; }}
-http {{
-  access_log off; server_tokens off; keepalive_requests 1000000000; keepalive_timeout 60s;
-  client_body_temp_path {directory}/b; proxy_temp_path {directory}/p;
-  fastcgi_temp_path {directory}/f; uwsgi_temp_path {directory}/u; scgi_temp_path {directory}/s;
-  server {{
-    listen 127.0.0.1:{port} backlog=4096;
-    location / {{ default_type "text/plain; charset=utf-8"; return 200 "{answer}"; }}
-  }}
-}}
-"""
-
-    def __init__(self, program):
-        super().__init__("nginx", [program])
-
-    def command(self, directory):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
-        file = pathlib.Path(directory) / "nginx.conf"
-        file.write_text(self.CONFIGURATION.format(directory=directory, port=port, answer=ANSWER))
-        return self._command + ["-p", str(directory), "-e", "stderr", "-c", str(file)], port
-
-
 class Bench:
     """What all measurements share: the core, the load program and a directory for files."""
 
@@ -156,38 +117,44 @@ class Bench:
         self.directory = directory
 
     @contextlib.contextmanager
-    def server(self, target, wrapper=()):
-        """A running server as (child, port), started behind the words of `wrapper`."""
-        command, port = target.command(self.directory)
-        child = Child(list(wrapper) + command, self.core)
-        try:
-            if port is None:
-                line = child.line(START_SECONDS)
-                match = re.search(r"http://127\.0\.0\.1:(\d+)/", line)
-                if not match:
-                    raise BenchError(f"{target.name}: printed {line!r} instead of its address")
-                port = int(match.group(1))
-            else:
-                _wait_until_open(port)
-            yield child, port
-        finally:
-            child.stop()
+    def server(self, target, service="plain", wrapper=()):
+        """A running server as (child, port), started behind the words of `wrapper`. Its temporary
+        files are in a directory of its own, which goes away with it."""
+        with tempfile.TemporaryDirectory(dir=self.directory) as files:
+            command, port = target.command(files, service)
+            child = Child(list(wrapper) + command, target.cores or {self.core},
+                          environment={"TMPDIR": files})
+            try:
+                if port is None:
+                    port = _announced_port(target, child)
+                else:
+                    _wait_until_open(port)
+                yield child, port
+            finally:
+                child.stop()
 
     @contextlib.contextmanager
-    def load(self, port, name, *options):
-        command = [self.client, "--port", str(port), "--load", name, "--expect", ANSWER]
-        child = Child(command + [str(option) for option in options], self.core, batch=True)
+    def load(self, port, *words):
+        command = [self.client, "--port", port, "--expect", ANSWER, *words]
+        child = Child([str(word) for word in command], {self.core}, batch=True)
         try:
             yield child
         finally:
             child.stop()
 
-    def run_load(self, port, name, requests, connections=64):
+    def run_load(self, port, *words):
         """A whole load, with no look at the server in between."""
-        with self.load(port, name, "--requests", requests,
-                       "--connections", connections) as child:
+        with self.load(port, *words) as child:
             expect(child, "ready")
             expect(child, "done")
+
+
+def _announced_port(target, child):
+    line = child.line(START_SECONDS)
+    match = re.search(r"https?://127\.0\.0\.1:(\d+)/", line)
+    if not match:
+        raise BenchError(f"{target.name}: printed {line!r} instead of its address")
+    return int(match.group(1))
 
 
 def expect(child, word):
@@ -246,3 +213,13 @@ def child_of(pid):
     if not text:
         raise BenchError("the tracer has no child")
     return int(text[0])
+
+
+def reset_peak(pid):
+    """From now on the highest resident size counts anew."""
+    pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5")
+
+
+def peak_bytes(pid):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"^VmHWM:\s+(\d+) kB", text, re.MULTILINE).group(1)) * 1024

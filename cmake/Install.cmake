@@ -9,6 +9,13 @@ install(TARGETS corvane EXPORT corvaneTargets
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+# Who links the installed library has other flags, with which its objects would be optimised once more.
+if(CORVANE_LTO AND NOT BUILD_SHARED_LIBS)
+  install(CODE "execute_process(
+    COMMAND \"${CMAKE_OBJCOPY}\" --wildcard --remove-section=.gnu.lto_* --remove-section=.gnu.debuglto_*
+            \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:corvane>\"
+    COMMAND_ERROR_IS_FATAL ANY)")
+endif()
 install(EXPORT corvaneTargets NAMESPACE corvane:: DESTINATION "${CORVANE_CMAKE_DIR}")
 
 configure_package_config_file(

@@ -16,8 +16,12 @@ class VELServer;
 class CORVANE_EXPORT VELConnection {
  public:
   virtual ~VELConnection() = default;
-  /// Closes once what was written has been sent; returns at once.
+  /// Closes once what was written has been sent; returns at once. Only posts: the server calls it with a
+  /// lock held.
   virtual void close() = 0;
+  /// Closes without waiting for anything; returns at once.
+  /// Default: as `close` does.
+  virtual void closeAtOnce() { close(); }
   /// The server, as long as it lives.
   virtual std::shared_ptr<VELServer> server() const = 0;
   virtual VELUUID identifier() const = 0;

@@ -42,6 +42,7 @@ class CORVANE_EXPORT VELEventLoops {
   void stop();
 
   /// For the library's own use.
+  explicit VELEventLoops(std::shared_ptr<vel::LoopPool> pool);
   const std::shared_ptr<vel::LoopPool>& pool() const { return pool_; }
 
  private:

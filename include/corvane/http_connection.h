@@ -49,6 +49,7 @@ class CORVANE_EXPORT VELHTTPConnection final
   /// request. Call it once.
   void start();
   void close() override;
+  void closeAtOnce() override;
   void closeWhenIdle() override;
 
   /// None once the socket has disconnected.

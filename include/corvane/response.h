@@ -1,9 +1,11 @@
 // VELResponse: what a route answers with, and the contract by which a connection reads its body.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -92,7 +94,8 @@ class CORVANE_EXPORT VELResponse {
   VELDictionary headers() const;
   void setHeaders(const VELDictionary& headers);
   /// The fields in the order in which they were first set, which is the order on the wire.
-  const std::vector<VELHeaderField>& headerFields() const { return header_fields_; }
+  /// Owner:   the response; the next change of a field ends the result.
+  std::span<const VELHeaderField> headerFields() const { return header_fields_.all(); }
   std::optional<std::string> valueForHeader(std::string_view name) const;
   /// No value removes the field.
   void setValueForHeader(std::optional<std::string> value, std::string_view name);
@@ -120,11 +123,38 @@ class CORVANE_EXPORT VELResponse {
   void copyPropertiesTo(VELResponse& copy) const;
 
  private:
-  std::vector<VELHeaderField>::iterator findField(std::string_view name);
-  /// Adds a field whose name is known to be new.
-  void addField(std::string_view name, std::string&& value);
+  /// Fields in their order. The first few are kept in place: most answers have no more.
+  class Fields {
+   public:
+    Fields() = default;
+    Fields(const Fields&) = delete;
+    Fields& operator=(const Fields&) = delete;
+    ~Fields() { clear(); }
 
-  std::vector<VELHeaderField> header_fields_;
+    std::span<VELHeaderField> all() { return {places(), count_}; }
+    std::span<const VELHeaderField> all() const { return {places(), count_}; }
+    /// None when there is no field of that name.
+    VELHeaderField* find(std::string_view name);
+    void add(std::string_view name, std::string&& value);
+    void remove(const VELHeaderField& field);
+    void clear();
+
+   private:
+    static constexpr size_t kInPlace = 4;
+
+    VELHeaderField* places() { return more_.empty() ? inPlace() : more_.data(); }
+    const VELHeaderField* places() const {
+      return more_.empty() ? const_cast<Fields*>(this)->inPlace() : more_.data();
+    }
+    VELHeaderField* inPlace() { return reinterpret_cast<VELHeaderField*>(in_place_); }
+
+    size_t count_ = 0;
+    // All of them, once there are more than fit in place.
+    std::vector<VELHeaderField> more_;
+    alignas(VELHeaderField) std::byte in_place_[kInPlace * sizeof(VELHeaderField)];
+  };
+
+  Fields header_fields_;
   std::optional<std::string> status_description_;
   uint64_t status_ = 0;
   uint64_t content_length_ = 0;

@@ -98,9 +98,9 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
   /// Stops listening and closes every connection.
   void kill() { stop(false); }
   /// Stops listening, closes idle connections, lets the others finish the present request, and
-  /// kills what is left after `deadline`. A `start` before that ends it: nothing is killed.
-  /// `completion` is called once, on the server's queue and never inside this call, when no
-  /// connection is left or a `start` ended it. The server lives until then.
+  /// closes what is left at once after `deadline`. A `start` before that ends it: nothing is closed.
+  /// `completion` is called once, on the server's queue and never inside this call, when every
+  /// connection has closed, killed ones included, or a `start` ended it. The server lives until then.
   void drain(std::chrono::milliseconds deadline, std::function<void()> completion = nullptr);
 
   /// Never none. A new one holds for connections accepted afterwards.
@@ -162,6 +162,8 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
   bool startOnQueue(VELError* error);
   void stopOnQueue();
   void closeConnections();
+  void closeConnectionsAtOnce();
+  bool areAllConnectionsClosed() const;
   void endDrainIfEmpty();
   void endDrain();
 
@@ -190,4 +192,6 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
   mutable std::mutex connections_mutex_;
   // Guarded by connections_mutex_, which is held around operations of the set only.
   std::unordered_set<std::shared_ptr<VELConnection>> connections_;
+  // Killed, and not closed yet.
+  std::unordered_set<std::shared_ptr<VELConnection>> closing_;
 };

@@ -100,6 +100,13 @@ class CORVANE_EXPORT VELSocket {
   /// Errors:  disconnects when `maxLength` bytes (0: no limit) came without it.
   virtual void readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                               size_t maxLength, int64_t tag) = 0;
+  /// What has come already and no read has taken: whoever can use it spares a read for each piece.
+  /// Owner:   the bytes live as long as the callback in which they were asked for.
+  /// Default: empty, as it also is while a read is queued.
+  /// Queue:   the delegate queue, inside `socketDidReadData`.
+  virtual std::string_view inputAtHand() const { return {}; }
+  /// Takes the first `length` bytes of `inputAtHand` away.
+  virtual void takeInput(size_t /*length*/) {}
   /// Reads exactly `length` bytes.
   virtual void readDataToLength(size_t length, std::chrono::milliseconds timeout, int64_t tag) = 0;
   /// Writes `data` after everything written before it.
@@ -114,6 +121,10 @@ class CORVANE_EXPORT VELSocket {
   virtual void disconnect() = 0;
   /// Closes once everything written before has been taken by the system.
   virtual void disconnectAfterWriting() = 0;
+  /// Announces that the peer may send what nobody is going to read. Once this side has disconnected
+  /// after writing, that is still taken in for a moment, so that the peer does not lose what was
+  /// written last (RFC 9112 §9.6).
+  virtual void expectUnreadInput() {}
 
   /// Hands the socket to another delegate and queue. What was read ahead and what was queued goes
   /// along; no call reaches the former delegate afterwards.

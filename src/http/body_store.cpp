@@ -12,6 +12,9 @@ namespace {
 
 // An announced size is only a peer's word: more than this is taken as it comes.
 constexpr uint64_t kMostReserved = 65'536;
+// A buffer that grows beyond the one gets room for the other at once.
+constexpr uint64_t kDoubledUpTo = 1'048'576;
+constexpr uint64_t kLargeBuffer = 8'388'608;
 
 void logFailure(const VELError& error) { logLine("Request body is lost: " + error.description()); }
 
@@ -27,12 +30,17 @@ void BodyStore::append(std::string_view bytes) {
                        "-processBodyData was called without a body data object");
   }
   length_ += bytes.size();
+  if (!isInFile() && length_ > limit_) moveToFile();
   if (isInFile()) {
     writeToFile(bytes);
     return;
   }
+  // Growing by doubling would hold two large buffers at a time, while memory that is not written to costs
+  // nothing.
+  if (length_ > buffer_.capacity() && length_ > kDoubledUpTo) {
+    buffer_.reserve(static_cast<size_t>(std::min(limit_, std::max(2 * length_, kLargeBuffer))));
+  }
   buffer_.append(bytes);
-  if (length_ > limit_) moveToFile();
 }
 
 void BodyStore::moveToFile() {

@@ -24,6 +24,14 @@ bool yieldsSocket(const VELResponse& response) {
   return dynamic_cast<const VELSocketYieldResponse*>(&response) != nullptr;
 }
 
+// Whether the answer comes before the client has sent all of its request.
+bool mayLeaveInput(FixedAnswer answer, const MessageHead& head) {
+  if (answer == FixedAnswer::kResourceNotFound) {
+    return framingOf(head).kind != BodyFraming::Kind::kNone;
+  }
+  return answer == FixedAnswer::kInvalidRequest;
+}
+
 }  // namespace
 
 void ConnectionEngine::handleRequest() {
@@ -88,6 +96,15 @@ void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
       });
 }
 
+// The client is left waiting, but may go: its end is noticed by reading on.
+void ConnectionEngine::answerWillNotCome() {
+  queue_->async([engine = self()] {
+    if (!engine->exchange_ || engine->exchange_->phase != Exchange::Phase::kEvaluating) return;
+    engine->exchange_->phase = Exchange::Phase::kAbandoned;
+    engine->waitForEnd();
+  });
+}
+
 void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
                                         const std::optional<VELError>& error) {
   // The connection may have ended, or its queue's last resort may have closed it, before the answer
@@ -130,6 +147,7 @@ void ConnectionEngine::sendFixedAnswer(FixedAnswer answer, const VELError* error
     connectionDebugLog().line(debugTextOf(answer), exchange.request->description(),
                               error != nullptr ? ", " + error->description() : std::string());
   }
+  if (mayLeaveInput(answer, std::as_const(*exchange.request).head())) socket_->expectUnreadInput();
   writeFixedAnswer(answer, error, exchange.configuration->limits, socket_.get(), &exchange.sent);
 }
 
@@ -158,8 +176,9 @@ void ConnectionEngine::finishAnswer() {
     return;
   }
   if (exchange_->body) exchange_->body->store().discard();
+  const double keep_alive_interval = exchange_->configuration->keep_alive_interval;
   exchange_.reset();
-  startReadingRequest();
+  startReadingNextRequest(keep_alive_interval);
 }
 
 void ConnectionEngine::finishAnswerAndClose() {
@@ -175,13 +194,9 @@ void ConnectionEngine::tellResponseThatItIsDone() {
   if (response) response->connectionDidClose();
 }
 
-bool ConnectionEngine::shouldDie() {
+bool ConnectionEngine::shouldDie() const {
   const MessageHead& head = std::as_const(*exchange_->request).head();
-  if (closes_after_answer_ || !keepsAlive(head.version(), head.field(KnownField::kConnection))) {
-    return true;
-  }
-  startKeepAliveTimer(exchange_->configuration->keep_alive_interval);
-  return false;
+  return closes_after_answer_ || !keepsAlive(head.version(), head.field(KnownField::kConnection));
 }
 
 }  // namespace vel

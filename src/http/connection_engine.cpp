@@ -1,8 +1,6 @@
 // The life of a connection: its creation and start, its idle time, its end.
 #include "http/connection_engine.h"
 
-#include <algorithm>
-#include <chrono>
 #include <utility>
 
 #include "corvane/http_connection.h"
@@ -17,8 +15,6 @@ namespace vel {
 namespace {
 
 constexpr char kQueueLabel[] = "org.corvane.Connection";
-// A longer idle time is as good as none; it keeps the arithmetic of times within bounds.
-constexpr double kLongestIdleSeconds = 1e9;
 
 std::shared_ptr<VELSerialQueue> makeConnectionQueue(const VELServer& server) {
   return QueueRunner::makeQueue(kQueueLabel, server.loops()->pool()->nextLoop());
@@ -34,8 +30,6 @@ ConnectionEngine::ConnectionEngine(VELHTTPConnection& connection, std::shared_pt
       server_(server),
       identifier_(VELUUID::UUID()),
       configuration_(*server->configuration()) {}
-
-ConnectionEngine::~ConnectionEngine() { Deadline::remove(); }
 
 std::shared_ptr<ConnectionEngine> ConnectionEngine::self() {
   return {connection_.shared_from_this(), this};
@@ -67,9 +61,17 @@ void ConnectionEngine::close() {
   queue_->async([engine = self()] { engine->closeAfterWriting(); });
 }
 
+void ConnectionEngine::closeAtOnce() {
+  queue_->async([engine = self()] {
+    if (engine->is_dead_) return;
+    engine->holdUntilDeath();
+    engine->socket_->disconnect();
+  });
+}
+
 void ConnectionEngine::closeWhenIdle() {
   queue_->async([engine = self()] {
-    if (engine->exchange_) {
+    if (engine->exchange_ && engine->exchange_->phase != Exchange::Phase::kAbandoned) {
       engine->closes_after_answer_ = true;
     } else {
       engine->closeAfterWriting();
@@ -79,10 +81,13 @@ void ConnectionEngine::closeWhenIdle() {
 
 void ConnectionEngine::closeAfterWriting() {
   if (is_dead_) return;
-  if (!held_until_death_) {
-    held_until_death_ = std::make_unique<const std::shared_ptr<ConnectionEngine>>(self());
-  }
+  holdUntilDeath();
   socket_->disconnectAfterWriting();
+}
+
+void ConnectionEngine::holdUntilDeath() {
+  if (held_until_death_) return;
+  held_until_death_ = std::make_unique<const std::shared_ptr<ConnectionEngine>>(self());
 }
 
 std::shared_ptr<VELSocket> ConnectionEngine::socket() const {
@@ -100,7 +105,6 @@ void ConnectionEngine::socketDidDisconnect(VELSocket& /*socket*/,
 void ConnectionEngine::die() {
   if (is_dead_) return;
   is_dead_ = true;
-  Deadline::remove();
   const auto held = std::move(held_until_death_);
   const std::unique_ptr<Exchange> last = std::move(exchange_);
   if (last) {
@@ -128,30 +132,6 @@ void ConnectionEngine::workDidThrow(const std::exception_ptr& /*exception*/) {
   }
   if (exchange_) exchange_->phase = Exchange::Phase::kAbandoned;
   socket_->disconnect();
-}
-
-void ConnectionEngine::startKeepAliveTimer(double seconds) {
-  if (!(seconds > 0)) {
-    disarm();
-    return;
-  }
-  const std::chrono::duration<double> interval(std::min(seconds, kLongestIdleSeconds));
-  arm(*queue_, std::chrono::duration_cast<std::chrono::nanoseconds>(interval));
-}
-
-void ConnectionEngine::deadlineDidFire() {
-  if (is_dead_ || exchange_) return;
-  if (socket_->unsentLength() == 0) {
-    socket_->disconnect();
-    return;
-  }
-  // The idle time counts from the moment when the answer has left.
-  std::shared_ptr<const ConfigurationSnapshot> holder;
-  startKeepAliveTimer(configuration_.current(&holder).keep_alive_interval);
-}
-
-std::shared_ptr<void> ConnectionEngine::deadlineOwner() {
-  return connection_.weak_from_this().lock();
 }
 
 }  // namespace vel

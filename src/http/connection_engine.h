@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -19,7 +20,6 @@
 #include "http/connection_configuration.h"
 #include "http/exchange.h"
 #include "http/fixed_answers.h"
-#include "platform/deadline.h"
 
 class VELHTTPConnection;
 
@@ -33,15 +33,16 @@ namespace vel {
 ///
 /// Owner:   the connection. Weak and strong references to it are references to the connection.
 /// Queue:   the connection's, except where it says so.
-class ConnectionEngine final : public VELSocketDelegate, public LastResort, private Deadline {
+class ConnectionEngine final : public VELSocketDelegate, public LastResort {
  public:
   ConnectionEngine(VELHTTPConnection& connection, std::shared_ptr<VELSocket> socket,
                    const std::shared_ptr<VELServer>& server);
-  ~ConnectionEngine() override;
+  ~ConnectionEngine() override = default;
 
   /// Queue:   these may be called on any thread.
   void start();
   void close();
+  void closeAtOnce();
   void closeWhenIdle();
   std::shared_ptr<VELSocket> socket() const;
   std::shared_ptr<VELServer> server() const { return server_.lock(); }
@@ -49,6 +50,8 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort, priv
   ConnectionConfiguration& configuration() noexcept { return configuration_; }
   /// The answer of a route.
   void takeAnswer(std::shared_ptr<VELResponse> response, std::optional<VELError> error);
+  /// The route has let go of its response handler without an answer.
+  void answerWillNotCome();
 
   void socketDidReadData(VELSocket& socket, const VELData& data, int64_t tag) override;
   void socketDidWriteDataWithTag(VELSocket& socket, int64_t tag) override;
@@ -60,21 +63,21 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort, priv
   std::shared_ptr<ConnectionEngine> self();
   void startConnection();
   void closeAfterWriting();
+  void holdUntilDeath();
   void die();
   void leaveServer();
-  void startKeepAliveTimer(double seconds);
-  void deadlineDidFire() override;
-  std::shared_ptr<void> deadlineOwner() override;
 
   // Reading: connection_reading.cpp.
   void startReadingRequest();
-  void readHeadLine(const VELLimits& limits);
+  void startReadingNextRequest(double keep_alive_interval);
+  void readHeadLine(std::chrono::milliseconds timeout, const VELLimits& limits);
   void beginExchange();
   void headLineDidCome(std::string_view line);
   void headDidComplete();
   bool selectRoute();
   void bodyDidCome(std::string_view bytes, int64_t tag);
   void takeStep(const BodyStep& step);
+  void waitForEnd();
 
   // Answering: connection_answering.cpp.
   void handleRequest();
@@ -88,7 +91,7 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort, priv
   void finishAnswer();
   void finishAnswerAndClose();
   void tellResponseThatItIsDone();
-  bool shouldDie();
+  bool shouldDie() const;
 
   VELHTTPConnection& connection_;
   const std::shared_ptr<VELSocket> socket_;

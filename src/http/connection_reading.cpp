@@ -1,4 +1,5 @@
 // Reading a request: the lines of its head, its route, its body.
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -15,23 +16,46 @@ namespace {
 
 // A slow body is never cut off.
 constexpr std::chrono::milliseconds kNoTimeout{-1};
+// A longer idle time is as good as none; it keeps the arithmetic of times within bounds.
+constexpr double kLongestIdleSeconds = 1e9;
+
+// How long the first line after an answer may take; no keep-alive interval stands for no idle time.
+std::chrono::milliseconds idleTimeout(double keep_alive_interval,
+                                      std::chrono::milliseconds head_line_timeout) {
+  if (!(keep_alive_interval > 0)) return head_line_timeout;
+  const std::chrono::duration<double> interval(std::min(keep_alive_interval, kLongestIdleSeconds));
+  const auto idle_time = std::chrono::ceil<std::chrono::milliseconds>(interval);
+  return head_line_timeout.count() < 0 ? idle_time : std::min(idle_time, head_line_timeout);
+}
+
+// What is read at once of that which is dropped.
+constexpr size_t kUnwantedPiece = 4096;
 
 }  // namespace
 
 void ConnectionEngine::startReadingRequest() {
   std::shared_ptr<const ConfigurationSnapshot> holder;
-  readHeadLine(configuration_.current(&holder).limits);
+  const VELLimits& limits = configuration_.current(&holder).limits;
+  readHeadLine(limits.headLineTimeout, limits);
 }
 
-void ConnectionEngine::readHeadLine(const VELLimits& limits) {
-  socket_->readDataToData(VELSocket::CRLFData(), limits.headLineTimeout, limits.headLineLength,
-                          kHeadLineTag);
+// The idle time and the time of a line both run until the first line has come: the shorter one counts.
+void ConnectionEngine::startReadingNextRequest(double keep_alive_interval) {
+  std::shared_ptr<const ConfigurationSnapshot> holder;
+  const VELLimits& limits = configuration_.current(&holder).limits;
+  readHeadLine(idleTimeout(keep_alive_interval, limits.headLineTimeout), limits);
+}
+
+void ConnectionEngine::readHeadLine(std::chrono::milliseconds timeout, const VELLimits& limits) {
+  socket_->readDataToData(VELSocket::CRLFData(), timeout, limits.headLineLength, kHeadLineTag);
 }
 
 void ConnectionEngine::socketDidReadData(VELSocket& /*socket*/, const VELData& data, int64_t tag) {
   if (is_dead_) return;
   if (tag == kHeadLineTag) {
     headLineDidCome(data.view());
+  } else if (tag == kUnwantedTag) {
+    waitForEnd();
   } else {
     bodyDidCome(data.view(), tag);
   }
@@ -46,14 +70,21 @@ void ConnectionEngine::beginExchange() {
 }
 
 void ConnectionEngine::headLineDidCome(std::string_view line) {
-  if (!exchange_) {
-    disarm();
-    beginExchange();
-  }
+  if (!exchange_) beginExchange();
   const VELLimits& limits = exchange_->configuration->limits;
-  switch (exchange_->head_reader.didRead(line, &exchange_->request->head(), limits)) {
+  HeadReader& reader = exchange_->head_reader;
+  MessageHead& head = exchange_->request->head();
+  HeadStep step = reader.didRead(line, &head, limits);
+  if (step == HeadStep::kReadLine) {
+    // Most heads come whole: their further lines need no read each.
+    const std::string_view input = socket_->inputAtHand();
+    size_t taken = 0;
+    step = reader.didReadLines(input, &taken, &head, limits);
+    if (taken > 0) socket_->takeInput(taken);
+  }
+  switch (step) {
     case HeadStep::kReadLine:
-      readHeadLine(limits);
+      readHeadLine(limits.headLineTimeout, limits);
       break;
     case HeadStep::kComplete:
       headDidComplete();
@@ -63,7 +94,8 @@ void ConnectionEngine::headLineDidCome(std::string_view line) {
       sendFixedAnswer(FixedAnswer::kInvalidRequest);
       break;
     case HeadStep::kTooLong:
-      socket_->disconnect();
+      // Without an answer, but not without those to earlier requests.
+      socket_->disconnectAfterWriting();
       break;
   }
 }
@@ -112,6 +144,14 @@ void ConnectionEngine::bodyDidCome(std::string_view bytes, int64_t tag) {
   takeStep(exchange_->body->didRead(bytes, tag));
 }
 
+void ConnectionEngine::waitForEnd() {
+  if (closes_after_answer_) {
+    closeAfterWriting();
+  } else {
+    socket_->readDataToLength(kUnwantedPiece, kNoTimeout, kUnwantedTag);
+  }
+}
+
 void ConnectionEngine::takeStep(const BodyStep& step) {
   switch (step.kind) {
     case BodyStep::Kind::kReadLine:
@@ -132,7 +172,7 @@ void ConnectionEngine::takeStep(const BodyStep& step) {
       sendFixedAnswer(FixedAnswer::kInvalidRequest);
       break;
     case BodyStep::Kind::kTooLong:
-      socket_->disconnect();
+      socket_->disconnectAfterWriting();
       break;
   }
 }

@@ -35,6 +35,7 @@ struct ReportFacts {
 /// | evaluating | the answer has come             | sending                                |
 /// | sending    | the last write, or no more data | (the exchange ends)                    |
 /// | any        | a fixed answer                  | sending                                |
+/// | evaluating | the route drops its handler     | abandoned: until the client goes       |
 /// | any        | an exception                    | abandoned: an answer comes too late    |
 /// | any        | the socket has closed           | (the exchange ends)                    |
 ///

@@ -2,12 +2,15 @@
 // the lines belongs to MessageHead, reading them to the connection.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 #include "corvane/limits.h"
 #include "http/habits.h"
 #include "http/message_head.h"
+#include "platform/ascii.h"
 
 namespace vel {
 
@@ -28,6 +31,22 @@ class HeadReader {
     if (progress == HeadProgress::kComplete) return HeadStep::kComplete;
     ++lines_;
     return admitsLines(lines_, limits) ? HeadStep::kReadLine : HeadStep::kTooLong;
+  }
+
+  /// The same with the whole lines at the start of `input`, as many as there are; counts their bytes.
+  HeadStep didReadLines(std::string_view input, size_t* taken, MessageHead* head,
+                        const VELLimits& limits) {
+    const size_t most = limits.headLineLength == 0 ? input.size() : limits.headLineLength;
+    HeadStep step = HeadStep::kReadLine;
+    while (step == HeadStep::kReadLine) {
+      const char* const begin = input.data() + *taken;
+      const size_t length = endOfLine({begin, std::min(most, input.size() - *taken)});
+      // A line that is too long is left to the read that comes next.
+      if (length == 0) break;
+      *taken += length;
+      step = didRead({begin, length}, head, limits);
+    }
+    return step;
   }
 
   /// The lines before the one that ended the head.

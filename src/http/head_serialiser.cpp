@@ -19,7 +19,7 @@ constexpr std::string_view kLineEnd = "\r\n";
 constexpr size_t kLongestNumber = 20;
 
 /// Most texts of a head are short: a few moves then cost less than a call.
-char* write(std::string_view text, char* out) noexcept {
+inline char* write(std::string_view text, char* out) noexcept {
   const char* const from = text.data();
   const size_t size = text.size();
   if (size >= 8 && size <= 16) {
@@ -59,6 +59,13 @@ size_t statusLength(uint64_t status) noexcept {
   return hasThreeDigits(status) ? 3 : std::to_string(status).size();
 }
 
+/// Three digits at least, as every status code has (RFC 9112 §4): also of one like "050" that came.
+std::string statusText(int64_t status) {
+  std::string text = std::to_string(status);
+  if (status >= 0 && text.size() < 3) text.insert(0, 3 - text.size(), '0');
+  return text;
+}
+
 char* writeStatus(uint64_t status, char* out) noexcept {
   if (!hasThreeDigits(status)) return std::to_chars(out, out + kLongestNumber, status).ptr;
   const auto code = static_cast<unsigned>(status);
@@ -78,7 +85,7 @@ std::string serialised(const MessageHead& head) {
     text.append(head.method()).append(1, ' ').append(head.target().text).append(1, ' ');
     text.append(head.version());
   } else {
-    text.append(head.version()).append(1, ' ').append(std::to_string(head.status()));
+    text.append(head.version()).append(1, ' ').append(statusText(head.status()));
     text.append(1, ' ').append(head.reason());
   }
   text.append(kLineEnd);
@@ -92,7 +99,8 @@ std::string serialised(const MessageHead& head) {
 ResponseHeadBuilder::ResponseHeadBuilder(uint64_t status,
                                          std::optional<std::string_view> description) noexcept
     : status_(status),
-      description_(description ? *description : VELReasonPhrase(static_cast<int64_t>(status))) {}
+      description_(description ? *description : VELReasonPhrase(static_cast<int64_t>(status))),
+      has_clean_description_(!description) {}
 
 void ResponseHeadBuilder::setContentLength(uint64_t length) {
   char* const digits = length_digits_.data();
@@ -101,26 +109,30 @@ void ResponseHeadBuilder::setContentLength(uint64_t length) {
 }
 
 void ResponseHeadBuilder::setOwnField(std::string_view name, std::string_view value) {
-  fields_.push_back({name, value});
-  field_bytes_ += name.size() + kSeparator.size() + value.size() + kLineEnd.size();
+  addField({name, value, true});
+}
+
+void ResponseHeadBuilder::addField(const Field& field) {
+  fields_.push_back(field);
+  field_bytes_ += field.name.size() + kSeparator.size() + field.value.size() + kLineEnd.size();
 }
 
 void ResponseHeadBuilder::setField(std::string_view name, std::string_view value) {
   for (Field& other : fields_) {
     if (isSameName(other.name, name)) {
       field_bytes_ = field_bytes_ - other.value.size() + value.size();
-      other = {name, value};
+      other = {name, value, false};
       return;
     }
   }
   if (isFieldName(name)) {
-    setOwnField(name, value);
+    addField({name, value, false});
   } else {
     logLine("Header field with an invalid name left out: " + escapedForLog(name));
   }
 }
 
-void ResponseHeadBuilder::setFields(const std::vector<VELHeaderField>& fields) {
+void ResponseHeadBuilder::setFields(std::span<const VELHeaderField> fields) {
   for (const VELHeaderField& field : fields) setField(field.name, field.value);
 }
 
@@ -140,12 +152,14 @@ char* ResponseHeadBuilder::writeTo(char* out) const noexcept {
   out = write(kVersionAndSpace, out);
   out = writeStatus(status_, out);
   *out++ = ' ';
-  out = writeCRLF(writeClean(description_, out));
+  out = has_clean_description_ ? write(description_, out) : writeClean(description_, out);
+  out = writeCRLF(out);
   for (const Field& field : fields_) {
     out = write(field.name, out);
     std::memcpy(out, kSeparator.data(), kSeparator.size());
     out += kSeparator.size();
-    out = writeCRLF(writeClean(field.value, out));
+    out = field.is_clean ? write(field.value, out) : writeClean(field.value, out);
+    out = writeCRLF(out);
   }
   return writeCRLF(out);
 }

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "corvane/data.h"
 #include "corvane/response.h"
@@ -47,7 +47,7 @@ class ResponseHeadBuilder {
   /// Sets a field of a host's. Control characters of the value become blanks; a name that is no token is
   /// left out and logged.
   void setField(std::string_view name, std::string_view value);
-  void setFields(const std::vector<VELHeaderField>& fields);
+  void setFields(std::span<const VELHeaderField> fields);
 
   /// The value as it stands so far.
   std::optional<std::string_view> field(std::string_view name) const noexcept;
@@ -63,11 +63,16 @@ class ResponseHeadBuilder {
   struct Field {
     std::string_view name;
     std::string_view value;
+    // A text of the library's own, which holds no control character.
+    bool is_clean;
   };
   static constexpr size_t kInlineFields = 16;
 
+  void addField(const Field& field);
+
   uint64_t status_;
   std::string_view description_;
+  bool has_clean_description_;
   InlineVector<Field, kInlineFields> fields_;
   size_t field_bytes_ = 0;
   std::array<char, 20> length_digits_;

@@ -22,6 +22,8 @@ void VELHTTPConnection::start() { engine_->start(); }
 
 void VELHTTPConnection::close() { engine_->close(); }
 
+void VELHTTPConnection::closeAtOnce() { engine_->closeAtOnce(); }
+
 void VELHTTPConnection::closeWhenIdle() { engine_->closeWhenIdle(); }
 
 std::shared_ptr<VELSocket> VELHTTPConnection::socket() const { return engine_->socket(); }

@@ -11,8 +11,10 @@ namespace vel {
 ResponseCall::~ResponseCall() {
   if (is_answered_.load(std::memory_order_relaxed)) return;
   // Once the connection has gone there is nobody left who waits.
-  if (connection_.expired()) return;
+  const std::shared_ptr<VELHTTPConnection> connection = connection_.lock();
+  if (!connection) return;
   logLine("A response handler was destroyed without having been called");
+  engine_.answerWillNotCome();
 }
 
 void ResponseCall::answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) {

@@ -35,6 +35,8 @@ class RouteIndex::Table {
   struct Expression {
     std::shared_ptr<const VELRegularExpression> expression;
     size_t number;
+    // The expression's required head.
+    std::string_view head;
   };
 
   static VELRoute* firstOf(const std::vector<Expression>& expressions, size_t end,
@@ -59,9 +61,10 @@ RouteIndex::Table::Table(const Routes& routes, uint64_t generation) : generation
     std::shared_ptr<const VELRegularExpression> expression = routes[number]->regularExpression();
     if (!expression) continue;
     const std::optional<LiteralPrefix>& prefix = expression->engine().literalPrefix();
-    all.push_back({expression, number});
+    const std::string_view head = expression->engine().requiredHead();
+    all.push_back({expression, number, head});
     if (!prefix) {
-      patterns_.push_back({std::move(expression), number});
+      patterns_.push_back({std::move(expression), number, head});
     } else if (prefix->ignoresCase) {
       caseless.emplace_back(prefix->text, number);
       has_wide_folds = has_wide_folds || prefix->hasWideFolds;
@@ -79,6 +82,7 @@ VELRoute* RouteIndex::Table::firstOf(const std::vector<Expression>& expressions,
                                      VELTextCheckingResult* result) {
   for (const Expression& candidate : expressions) {
     if (candidate.number >= end) break;
+    if (!path.starts_with(candidate.head)) continue;
     std::optional<VELTextCheckingResult> match = candidate.expression->firstMatchInString(path);
     if (!match) continue;
     *result = *std::move(match);

@@ -13,6 +13,8 @@ inline constexpr int64_t kChunkSizeLineTag = 12;
 inline constexpr int64_t kChunkDataTag = 13;
 inline constexpr int64_t kChunkEndTag = 14;
 inline constexpr int64_t kTrailerLineTag = 15;
+/// What is read only to notice the end of a client that nobody is going to answer.
+inline constexpr int64_t kUnwantedTag = 16;
 
 // Writes.
 /// The head of an answer with a body. Nothing follows from its completion.

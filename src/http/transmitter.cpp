@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -16,10 +17,12 @@ namespace {
 
 // A slow reader is never cut off in the middle of a body.
 constexpr std::chrono::milliseconds kNoTimeout{-1};
+// What is put together on the stack.
+constexpr size_t kSmallAnswer = 1024;
 
 }  // namespace
 
-void completeHead(const std::vector<VELHeaderField>& fields, ResponseHeadBuilder* head) {
+void completeHead(std::span<const VELHeaderField> fields, ResponseHeadBuilder* head) {
   head->setOwnField("Date", httpDateNow());
   head->setOwnField("Accept-Ranges", "bytes");
   head->setFields(fields);
@@ -29,7 +32,7 @@ void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& li
                VELSocket* socket, SentBytes* sent) {
   const size_t size = head.size();
   sent->all += size;
-  std::array<char, 1024> buffer;
+  std::array<char, kSmallAnswer> buffer;
   if (size <= buffer.size()) {
     head.writeTo(buffer.data());
     socket->writeData(VELData::dataWithBorrowedBytes(buffer.data(), size), limits.headWriteTimeout,
@@ -67,8 +70,32 @@ Transmitter::Progress Transmitter::begin(bool headOnly) {
     writeHead(head, kLastTag, limits_, &socket_, &sent_);
     return Progress::kUnderWay;
   }
-  writeHead(head, kHeadTag, limits_, &socket_, &sent_);
-  return sendNextPiece();
+  if (head.size() > kSmallAnswer) {
+    writeHead(head, kHeadTag, limits_, &socket_, &sent_);
+    return sendNextPiece();
+  }
+  return sendWithFirstPiece(head);
+}
+
+// Most answers are small: one write carries them whole. The head is put down first: what it is made of may
+// change while the response is read.
+Transmitter::Progress Transmitter::sendWithFirstPiece(const ResponseHeadBuilder& head) {
+  std::array<char, kSmallAnswer> buffer;
+  const char* const head_end = head.writeTo(buffer.data());
+  auto length = static_cast<size_t>(head_end - buffer.data());
+  VELData piece = response_.readDataOfLength(limits_.bodyPiece);
+  const bool is_last = !piece.isEmpty() && response_.isFinished();
+  const bool is_whole =
+      is_last && strategy_ == Strategy::kPlain && piece.length() <= buffer.size() - length;
+  if (is_whole) {
+    std::memcpy(buffer.data() + length, piece.bytes(), piece.length());
+    length += piece.length();
+    sent_.body += piece.length();
+  }
+  sent_.all += length;
+  socket_.writeData(VELData::dataWithBorrowedBytes(buffer.data(), length), limits_.headWriteTimeout,
+                    is_whole ? kLastTag : kHeadTag);
+  return is_whole ? Progress::kUnderWay : sendPiece(std::move(piece), is_last);
 }
 
 Transmitter::Progress Transmitter::didWrite(int64_t tag) {
@@ -89,12 +116,17 @@ Transmitter::Progress Transmitter::didWrite(int64_t tag) {
 Transmitter::Progress Transmitter::sendNextPiece() {
   if (in_flight_ >= limits_.bodyPiece) return Progress::kUnderWay;
   VELData piece = response_.readDataOfLength(limits_.bodyPiece - in_flight_);
+  const bool is_last = !piece.isEmpty() && response_.isFinished();
+  return sendPiece(std::move(piece), is_last);
+}
+
+Transmitter::Progress Transmitter::sendPiece(VELData piece, bool is_last) {
   if (piece.isEmpty()) return bodyRanDry();
   in_flight_ += piece.length();
   if (strategy_ == Strategy::kChunked) {
-    sendChunk(std::move(piece));
+    sendChunk(std::move(piece), is_last);
   } else {
-    sendPlainPiece(std::move(piece));
+    writeBody(std::move(piece), is_last ? kLastTag : kPlainPieceTag);
   }
   return Progress::kUnderWay;
 }
@@ -104,16 +136,12 @@ Transmitter::Progress Transmitter::sendNextPiece() {
 // ends.
 Transmitter::Progress Transmitter::bodyRanDry() const { return Progress::kFinished; }
 
-void Transmitter::sendPlainPiece(VELData piece) {
-  writeBody(std::move(piece), response_.isFinished() ? kLastTag : kPlainPieceTag);
-}
-
-void Transmitter::sendChunk(VELData piece) {
+void Transmitter::sendChunk(VELData piece, bool is_last) {
   const ChunkSizeLine sizeLine(piece.length());
   writeControl(VELData::dataWithBorrowedBytes(sizeLine.view().data(), sizeLine.view().size()),
                kSizeLineTag);
   writeBody(std::move(piece), kChunkTag);
-  if (response_.isFinished()) {
+  if (is_last) {
     writeControl(VELData::dataWithStaticBytes(chunkedFooter()), kLastTag);
   } else {
     writeControl(VELSocket::CRLFData(), kChunkCloseTag);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "corvane/data.h"
@@ -22,7 +23,7 @@ struct SentBytes {
 
 /// Adds to a head what every answer has: "Date", "Accept-Ranges", and then the answer's own fields,
 /// which replace what stands there already.
-void completeHead(const std::vector<VELHeaderField>& fields, ResponseHeadBuilder* head);
+void completeHead(std::span<const VELHeaderField> fields, ResponseHeadBuilder* head);
 
 /// Writes `head` to `socket`.
 void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& limits,
@@ -33,12 +34,14 @@ void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& li
 ///
 /// | written        | then                                                           |
 /// | -------------- | -------------------------------------------------------------- |
-/// | head           | nothing: the first piece was written with it                   |
+/// | head           | nothing: the first piece was written behind it                 |
 /// | plain piece    | the next piece is read and written                             |
 /// | size line      | nothing                                                        |
 /// | chunk          | nothing: its CR LF, or the footer, was written with it         |
 /// | CR LF of chunk | the next piece is read and written                             |
 /// | last write     | the connection decides: this is its tag, not the transmitter's |
+///
+/// A small answer that is whole after its first piece goes out as one last write.
 ///
 /// Owner:   the exchange, from the answer on. Keeps references to the socket, the response and
 ///          limits.
@@ -64,10 +67,11 @@ class Transmitter {
   enum class Strategy : uint8_t { kPlain, kChunked };
 
   Strategy chooseStrategy() const;
+  Progress sendWithFirstPiece(const ResponseHeadBuilder& head);
   Progress sendNextPiece();
+  Progress sendPiece(VELData piece, bool is_last);
   Progress bodyRanDry() const;
-  void sendPlainPiece(VELData piece);
-  void sendChunk(VELData piece);
+  void sendChunk(VELData piece, bool is_last);
   void writeControl(VELData data, int64_t tag);
   void writeBody(VELData piece, int64_t tag);
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -115,6 +116,19 @@ constexpr std::string_view trimmed(std::string_view text) noexcept {
   while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
   while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
   return text;
+}
+
+/// Where the first CR LF of `input` ends, of which the first `from` bytes are known to hold none; 0 when there
+/// is none.
+inline size_t endOfLine(std::string_view input, size_t from = 0) noexcept {
+  while (from < input.size()) {
+    const void* const found = std::memchr(input.data() + from, '\n', input.size() - from);
+    if (found == nullptr) return 0;
+    const auto at = static_cast<size_t>(static_cast<const char*>(found) - input.data());
+    if (at > 0 && input[at - 1] == '\r') return at + 1;
+    from = at + 1;
+  }
+  return 0;
 }
 
 }  // namespace vel

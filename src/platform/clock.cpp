@@ -8,12 +8,17 @@ namespace vel {
 namespace {
 
 std::atomic<MonotonicTime> g_advance{0};
+// Where the clocks were stopped; never while they run.
+std::atomic<MonotonicTime> g_stopped_at{kNever};
 
 MonotonicTime read(clockid_t clock) noexcept {
-  timespec time{};
-  clock_gettime(clock, &time);
-  return static_cast<MonotonicTime>(time.tv_sec) * 1'000'000'000 + time.tv_nsec +
-         g_advance.load(std::memory_order_relaxed);
+  MonotonicTime now = g_stopped_at.load(std::memory_order_relaxed);
+  if (now == kNever) {
+    timespec time{};
+    clock_gettime(clock, &time);
+    now = static_cast<MonotonicTime>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+  }
+  return now + g_advance.load(std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -56,5 +61,14 @@ MonotonicTime preciseNow() noexcept { return read(CLOCK_MONOTONIC); }
 void advanceClock(std::chrono::nanoseconds step) noexcept {
   g_advance.fetch_add(step.count(), std::memory_order_relaxed);
 }
+
+void stopClock() noexcept {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  g_stopped_at.store(static_cast<MonotonicTime>(time.tv_sec) * 1'000'000'000 + time.tv_nsec,
+                     std::memory_order_relaxed);
+}
+
+void startClock() noexcept { g_stopped_at.store(kNever, std::memory_order_relaxed); }
 
 }  // namespace vel

@@ -1,4 +1,4 @@
-// Monotonic time in nanoseconds, as deadlines use it. A test may push it forward.
+// Monotonic time in nanoseconds, as deadlines use it. A test may push it forward, and stop it.
 #pragma once
 
 #include <chrono>
@@ -26,5 +26,9 @@ MonotonicTime timeAfter(MonotonicTime now, std::chrono::milliseconds delay) noex
 /// Pushes both clocks forward for the rest of the process. For tests: the loops must be woken by other
 /// work to notice.
 void advanceClock(std::chrono::nanoseconds step) noexcept;
+/// Stops both clocks: only `advanceClock` moves them from here on, until they are started again. For tests
+/// that drive their loops themselves.
+void stopClock() noexcept;
+void startClock() noexcept;
 
 }  // namespace vel

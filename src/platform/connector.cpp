@@ -34,7 +34,7 @@ void Connector::start() {
     VELError error;
     std::vector<RawAddress> addresses = addressesOfHost(self->host_, self->port_, &error);
     socket->postCall([self, addresses = std::move(addresses), error = std::move(error)](
-                         TcpSocket&) { self->lookUpDidEnd(addresses, error); });
+                         StreamSocket&) { self->lookUpDidEnd(addresses, error); });
   };
   try {
     std::thread(look_up).detach();

@@ -220,17 +220,19 @@ int EventLoop::waitingTime() const noexcept {
   return static_cast<int>(std::min<MonotonicTime>((rest + 999'999) / 1'000'000, 60'000));
 }
 
-void EventLoop::wait() {
+// Gets the next batch; waits for it that long at the most, -1 standing for no limit.
+void EventLoop::wait(int most_milliseconds) {
   Listing* none = nullptr;
   const bool waits =
-      !stop_.load(std::memory_order_relaxed) && waitingTime() != 0 &&
+      most_milliseconds != 0 && !stop_.load(std::memory_order_relaxed) && waitingTime() != 0 &&
       posted_.compare_exchange_strong(none, asleep<Listing>(), std::memory_order_seq_cst);
   if (waits) word_.store(wordOf(beat_, LoopState::kIdle), std::memory_order_release);
   // These are looked up again: a deadline armed, or a grave made, before the marker stood found nobody
   // to wake.
   const bool has_graves = has_graves_.load(std::memory_order_seq_cst);
-  const int count = epoll_wait(epoll_, batch_->events.data(), Batch::kCapacity,
-                               waits && !has_graves ? waitingTime() : 0);
+  int time = waits && !has_graves ? waitingTime() : 0;
+  if (most_milliseconds >= 0 && (time < 0 || time > most_milliseconds)) time = most_milliseconds;
+  const int count = epoll_wait(epoll_, batch_->events.data(), Batch::kCapacity, time);
   if (waits) {
     word_.exchange(wordOf(beat_, LoopState::kOut), std::memory_order_seq_cst);
     pool_.watcher().noteActivity();
@@ -245,18 +247,43 @@ void EventLoop::drive(ThreadRecord& thread) {
   word_.store(wordOf(beat_, LoopState::kOut), std::memory_order_release);
   pool_.watcher().noteActivity();
   while (!stop_.load(std::memory_order_relaxed)) {
-    if (!dispatchBatch(thread) || !runListed(thread)) return;
-    if (coarseNow() >= wheel_.nextDue()) {
-      wheel_.fire(coarseNow());
-      if (!runListed(thread)) return;
-    }
-    if (has_graves_.load(std::memory_order_acquire)) {
-      // What lies there may run code of the host when it goes away.
-      std::vector<std::shared_ptr<void>> graves = takeGraves();
-      if (!inside([&graves] { graves.clear(); })) return;
-    }
-    wait();
+    if (!runTurn(thread)) return;
+    wait(-1);
   }
+}
+
+// Runs all that is ready; false when the loop was taken meanwhile.
+bool EventLoop::runTurn(ThreadRecord& thread) {
+  if (!dispatchBatch(thread) || !runListed(thread)) return false;
+  if (coarseNow() >= wheel_.nextDue()) {
+    wheel_.fire(coarseNow());
+    if (!runListed(thread)) return false;
+  }
+  if (!has_graves_.load(std::memory_order_acquire)) return true;
+  // What lies there may run code of the host when it goes away.
+  std::vector<std::shared_ptr<void>> graves = takeGraves();
+  return inside([&graves] { graves.clear(); });
+}
+
+bool EventLoop::driveUntilIdle(ThreadRecord& thread, int turns) {
+  word_.store(wordOf(beat_, LoopState::kOut), std::memory_order_release);
+  for (int i = 0; i < turns; ++i) {
+    wait(0);
+    const bool is_idle = batch_count_.load(std::memory_order_relaxed) == 0 &&
+                         posted_.load(std::memory_order_acquire) == nullptr &&
+                         listed_first_.load(std::memory_order_relaxed) == nullptr &&
+                         !has_graves_.load(std::memory_order_acquire) &&
+                         coarseNow() < wheel_.nextDue();
+    if (is_idle) return true;
+    runTurn(thread);
+  }
+  return false;
+}
+
+void EventLoop::driveOnce(ThreadRecord& thread, std::chrono::milliseconds most) {
+  word_.store(wordOf(beat_, LoopState::kOut), std::memory_order_release);
+  wait(static_cast<int>(most.count()));
+  runTurn(thread);
 }
 
 void EventLoop::requestStop() noexcept {

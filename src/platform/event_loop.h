@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -101,6 +102,11 @@ class EventLoop {
 
   /// Runs the loop until it is taken by another thread or stopped.
   void drive(ThreadRecord& thread);
+  /// Runs the loop until nothing more is ready, or `turns` have gone by; true when nothing is.
+  /// Queue:   a thread of the caller's, for a pool without threads.
+  bool driveUntilIdle(ThreadRecord& thread, int turns);
+  /// The same, but waits for something to become ready first, `most` at the longest.
+  void driveOnce(ThreadRecord& thread, std::chrono::milliseconds most);
   void requestStop() noexcept;
   /// Drops what is still posted. Queue: nobody drives the loop any more.
   void dropWork() noexcept;
@@ -124,13 +130,14 @@ class EventLoop {
 
   template <class Work>
   bool inside(Work&& work);
+  bool runTurn(ThreadRecord& thread);
   bool dispatchBatch(ThreadRecord& thread);
   bool dispatchEvent(EventSource& source, uint32_t readiness, ThreadRecord& thread);
   bool runListed(ThreadRecord& thread);
   void takePosted() noexcept;
   void dropPosted() noexcept;
   std::vector<std::shared_ptr<void>> takeGraves() noexcept;
-  void wait();
+  void wait(int most_milliseconds);
   int waitingTime() const noexcept;
   void wake() noexcept;
 

@@ -94,6 +94,10 @@ LoopPool::~LoopPool() { stop(); }
 
 void LoopPool::start() {
   std::lock_guard lock(mutex_);
+  if (!options_.has_threads) {
+    self_ = shared_from_this();
+    return;
+  }
   // A thread that cannot be started must not leave others behind that wait for a loop.
   std::list<std::unique_ptr<PoolThread>> made;
   try {
@@ -212,6 +216,10 @@ VELEventLoops::VELEventLoops(size_t count) {
   vel::LoopPoolOptions options;
   options.loops = count != 0 ? count : std::max(1U, std::thread::hardware_concurrency());
   pool_ = std::make_shared<vel::LoopPool>(options);
+  pool_->start();
+}
+
+VELEventLoops::VELEventLoops(std::shared_ptr<vel::LoopPool> pool) : pool_(std::move(pool)) {
   pool_->start();
 }
 

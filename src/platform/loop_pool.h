@@ -58,6 +58,8 @@ struct LoopPoolOptions {
   size_t loops = 1;
   /// False leaves `Watcher::look` to whoever made the pool.
   bool watches = true;
+  /// False leaves driving the loops to whoever made the pool.
+  bool has_threads = true;
   size_t most_threads = 256;
 };
 

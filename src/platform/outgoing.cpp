@@ -15,16 +15,18 @@ MonotonicTime started(MonotonicTime due, std::chrono::milliseconds timeout, Mono
 
 void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
   const size_t length = data.length();
-  unsent_ += length;
   const bool in_line = first_item_ < items_.size();
   if (in_line || length > kSmall || gathered() + length > kGather) {
     // Copied, not moved: borrowed bytes must not wait here.
     items_.push_back({data, timeout, kNever, tag});
+    unsent_ += length;
     if (length == 0) didSend(0);
     return;
   }
   const uint64_t begin = gather_base_ + gather_.size();
   gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
+  // Counted as soon as it is here, so that memory that runs out leaves what can be sent.
+  unsent_ += length;
   if (timeout.count() >= 0) marks_.push_back({begin, begin + length, timeout, kNever});
   done_.push_back(tag);
 }

@@ -80,29 +80,49 @@ uint32_t compileOptions(VELRegularExpressionOptions options) {
   return result;
 }
 
-/// The text that `pattern` matches literally after its "^"; none when there is more to it.
-std::optional<std::string> literalAfterAnchor(std::string_view pattern,
+/// What a pattern begins with.
+struct LiteralHead {
+  std::string text;
+  /// What follows it in the pattern; empty when there is no more.
+  std::string_view rest;
+};
+
+/// The text that `pattern` matches literally after its "^"; none when it does not begin like that.
+std::optional<LiteralHead> literalAfterAnchor(std::string_view pattern,
                                               VELRegularExpressionOptions options) {
   constexpr std::string_view kMetacharacters = "*?+[(){^$|.";
   const bool plain = options == VELRegularExpressionOptions::kNone ||
                      options == VELRegularExpressionOptions::kCaseInsensitive;
   if (!plain || !pattern.starts_with('^') || !isValidUTF8(pattern)) return std::nullopt;
-  pattern.remove_prefix(1);
-  std::string literal;
-  for (size_t at = 0; at < pattern.size(); ++at) {
-    if (pattern[at] == '\\') {
-      // A letter or digit would give the backslash a meaning.
-      if (++at == pattern.size()) return std::nullopt;
-      const char escaped = pattern[at];
-      const bool isPunctuation =
-          escaped >= ' ' && escaped <= '~' && !isDigit(escaped) && !isLetter(escaped);
-      if (!isPunctuation) return std::nullopt;
-    } else if (kMetacharacters.find(pattern[at]) != std::string_view::npos) {
-      return std::nullopt;
-    }
-    literal.push_back(pattern[at]);
+  LiteralHead head{{}, pattern.substr(1)};
+  while (!head.rest.empty()) {
+    const bool is_escaped = head.rest[0] == '\\';
+    const char c = is_escaped && head.rest.size() > 1 ? head.rest[1] : head.rest[0];
+    // A letter or digit gives a backslash a meaning.
+    const bool is_literal =
+        is_escaped ? c >= ' ' && c <= '~' && !isDigit(c) && !isLetter(c) && head.rest.size() > 1
+                   : kMetacharacters.find(c) == std::string_view::npos;
+    if (!is_literal) break;
+    head.text.push_back(c);
+    head.rest.remove_prefix(is_escaped ? 2 : 1);
   }
-  return literal;
+  return head;
+}
+
+/// The part of `head` that every match begins with, whatever follows.
+std::string requiredPart(const LiteralHead& head) {
+  // Another branch, wherever it stands, may begin in another way.
+  if (head.rest.find('|') != std::string_view::npos) return {};
+  // A quantifier counts for the last character, also behind what stands for nothing: "\\E", a comment.
+  const bool may_repeat_last =
+      !head.rest.empty() &&
+      (std::string_view("*?+{\\").find(head.rest[0]) != std::string_view::npos ||
+       head.rest.starts_with("(?"));
+  if (!may_repeat_last) return head.text;
+  size_t length = head.text.size();
+  // The whole of the last character.
+  while (length > 0 && (static_cast<unsigned char>(head.text[length - 1]) & 0xC0) == 0x80) --length;
+  return head.text.substr(0, length > 0 ? length - 1 : 0);
 }
 
 std::string messageOf(int code) {
@@ -150,9 +170,11 @@ std::unique_ptr<const RegexEngine> RegexEngine::compile(std::string_view pattern
                                                         VELError* error) {
   std::unique_ptr<RegexEngine> engine(new RegexEngine(pattern, options));
   const bool ignoresCase = has(options, VELRegularExpressionOptions::kCaseInsensitive);
-  if (auto literal = literalAfterAnchor(pattern, options);
-      literal && (!ignoresCase || isASCII(*literal))) {
-    engine->literal_ = std::move(*literal);
+  const std::optional<LiteralHead> head = literalAfterAnchor(pattern, options);
+  if (head && !head->rest.empty() && !ignoresCase) {
+    engine->literal_ = requiredPart(*head);
+  } else if (head && head->rest.empty() && (!ignoresCase || isASCII(head->text))) {
+    engine->literal_ = head->text;
     const bool wideFolds =
         ignoresCase && engine->literal_.find_first_of("kKsS") != std::string::npos;
     engine->prefix_ = LiteralPrefix{engine->literal_, ignoresCase, wideFolds};
@@ -189,6 +211,7 @@ std::optional<VELTextCheckingResult> RegexEngine::firstMatch(std::string_view st
     if (!literalPrefixMatches(*prefix_, subject)) return std::nullopt;
     return VELTextCheckingResult(VELTextRange{range.location, prefix_->text.size()});
   }
+  if (!subject.starts_with(requiredHead())) return std::nullopt;
   return matchCode(subject, options, range.location);
 }
 

@@ -47,6 +47,12 @@ class RegexEngine {
   /// The literal text, when the pattern is nothing but "^" and literal text.
   const std::optional<LiteralPrefix>& literalPrefix() const noexcept { return prefix_; }
 
+  /// What every match begins with, at the start of its range; empty when that is not known. A look at it
+  /// spares most searches.
+  std::string_view requiredHead() const noexcept {
+    return prefix_ ? std::string_view() : std::string_view(literal_);
+  }
+
   /// The first match within `range`, which lies within `string`.
   std::optional<VELTextCheckingResult> firstMatch(std::string_view string,
                                                   VELMatchingOptions options,
@@ -64,7 +70,7 @@ class RegexEngine {
 
   const std::string pattern_;
   const VELRegularExpressionOptions options_;
-  /// What `prefix_` points into.
+  /// What `prefix_` points into; without one, the required head.
   std::string literal_;
   std::optional<LiteralPrefix> prefix_;
   size_t groups_ = 0;

@@ -72,7 +72,9 @@ VELURL VELURL::URLByAppendingPathComponent(std::string_view component) const {
   const std::string& base = absoluteString();
   std::string text = base.substr(0, base.find_first_of("?#"));
   while (component.starts_with('/')) component.remove_prefix(1);
-  if (!text.ends_with('/')) text.push_back('/');
+  // The slashes of "scheme://" are no path: without one of its own the component would be the host.
+  const bool hasPath = representation_ && !representation_->parts.path.empty();
+  if (!hasPath || !text.ends_with('/')) text.push_back('/');
   vel::appendPercentEncodedPath(component, &text);
   const bool isTarget = representation_ && representation_->isTarget;
   return (isTarget ? URLWithRequestTarget(text) : URLWithString(text)).value_or(VELURL());

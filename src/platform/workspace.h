@@ -11,8 +11,10 @@ namespace vel {
 
 class Workspace {
  public:
-  /// What one receive may bring.
-  static constexpr size_t kReceive = 16 * 1024;
+  /// What one receive may bring: several chunks of the size that clients like.
+  static constexpr size_t kReceive = 64 * 1024;
+  /// The same while a head is read.
+  static constexpr size_t kReceiveForHeads = 16 * 1024;
   /// The largest piece that is kept for the next body.
   static constexpr size_t kMostKept = 1024 * 1024;
 

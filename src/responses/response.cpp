@@ -5,14 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <iterator>
+#include <memory>
+#include <new>
 
 #include "corvane/error.h"
 #include "platform/object_description.h"
 
 namespace {
-
-// Most answers carry no more fields than these.
-constexpr size_t kUsualFields = 4;
 
 [[noreturn]] void raiseMustOverride(const char* operation) {
   throw VELException(VELInvalidArgumentException,
@@ -31,7 +31,7 @@ std::shared_ptr<VELResponse> VELResponse::copy() const {
 }
 
 void VELResponse::copyPropertiesTo(VELResponse& copy) const {
-  for (const VELHeaderField& field : header_fields_) {
+  for (const VELHeaderField& field : headerFields()) {
     copy.setValueForHeader(field.value, field.name);
   }
   copy.setStatus(status());
@@ -51,18 +51,17 @@ void VELResponse::connectionDidClose() {}
 
 VELDictionary VELResponse::headers() const {
   VELDictionary headers;
-  for (const VELHeaderField& field : header_fields_) headers[field.name] = field.value;
+  for (const VELHeaderField& field : headerFields()) headers[field.name] = field.value;
   return headers;
 }
 
 void VELResponse::setHeaders(const VELDictionary& headers) {
   header_fields_.clear();
-  header_fields_.reserve(headers.size());
-  for (const auto& [name, value] : headers) header_fields_.emplace_back(name, std::string(value));
+  for (const auto& [name, value] : headers) header_fields_.add(name, std::string(value));
 }
 
 std::optional<std::string> VELResponse::valueForHeader(std::string_view name) const {
-  for (const VELHeaderField& field : header_fields_) {
+  for (const VELHeaderField& field : headerFields()) {
     if (field.name == name) return field.value;
   }
   return std::nullopt;
@@ -73,27 +72,57 @@ void VELResponse::setValueForHeader(std::optional<std::string> value, std::strin
     removeValueForHeader(name);
     return;
   }
-  const auto field = findField(name);
-  if (field != header_fields_.end()) {
+  if (VELHeaderField* const field = header_fields_.find(name)) {
     field->value = std::move(*value);
-    return;
+  } else {
+    header_fields_.add(name, std::move(*value));
   }
-  addField(name, std::move(*value));
-}
-
-void VELResponse::addField(std::string_view name, std::string&& value) {
-  if (header_fields_.empty()) header_fields_.reserve(kUsualFields);
-  header_fields_.emplace_back(name, std::move(value));
 }
 
 void VELResponse::removeValueForHeader(std::string_view name) {
-  const auto field = findField(name);
-  if (field != header_fields_.end()) header_fields_.erase(field);
+  if (const VELHeaderField* const field = header_fields_.find(name)) header_fields_.remove(*field);
 }
 
-std::vector<VELHeaderField>::iterator VELResponse::findField(std::string_view name) {
-  return std::find_if(header_fields_.begin(), header_fields_.end(),
-                      [name](const VELHeaderField& field) { return field.name == name; });
+VELHeaderField* VELResponse::Fields::find(std::string_view name) {
+  const std::span<VELHeaderField> fields = all();
+  const auto found =
+      std::find_if(fields.begin(), fields.end(),
+                   [name](const VELHeaderField& field) { return field.name == name; });
+  return found != fields.end() ? &*found : nullptr;
+}
+
+void VELResponse::Fields::add(std::string_view name, std::string&& value) {
+  if (more_.empty() && count_ < kInPlace) {
+    new (inPlace() + count_) VELHeaderField(name, std::move(value));
+    ++count_;
+    return;
+  }
+  if (more_.empty()) {
+    std::vector<VELHeaderField> all;
+    all.reserve(2 * kInPlace);
+    std::move(inPlace(), inPlace() + count_, std::back_inserter(all));
+    std::destroy_n(inPlace(), count_);
+    more_ = std::move(all);
+  }
+  more_.emplace_back(name, std::move(value));
+  count_ = more_.size();
+}
+
+void VELResponse::Fields::remove(const VELHeaderField& field) {
+  VELHeaderField* const place = places() + (&field - places());
+  std::move(place + 1, places() + count_, place);
+  --count_;
+  if (more_.empty()) {
+    std::destroy_at(inPlace() + count_);
+  } else {
+    more_.pop_back();
+  }
+}
+
+void VELResponse::Fields::clear() {
+  if (more_.empty()) std::destroy_n(inPlace(), count_);
+  more_.clear();
+  count_ = 0;
 }
 
 std::string VELResponse::description() const {

@@ -41,8 +41,8 @@ std::shared_ptr<VELResponse> VELResponse::responseWithData(VELData data, uint64_
   VELResponse& base = *response;
   base.status_ = status;
   base.content_length_ = data.length();
-  base.addField("Content-Length", decimalText(data.length()));
-  if (contentType) base.addField("Content-Type", std::move(*contentType));
+  base.header_fields_.add("Content-Length", decimalText(data.length()));
+  if (contentType) base.header_fields_.add("Content-Type", std::move(*contentType));
   response->setData(std::move(data));
   return response;
 }

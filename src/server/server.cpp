@@ -79,11 +79,10 @@ void VELServer::stopOnQueue() {
 
 /// Closes every connection and empties the set, which observers are not told.
 void VELServer::closeConnections() {
-  // The connections go away after the lock.
-  std::unordered_set<std::shared_ptr<VELConnection>> closed;
   const std::lock_guard lock(connections_mutex_);
   for (const auto& connection : connections_) connection->close();
-  closed.swap(connections_);
+  closing_.insert(connections_.begin(), connections_.end());
+  connections_.clear();
 }
 
 std::shared_ptr<VELConfiguration> VELServer::configuration() const {
@@ -167,6 +166,7 @@ void VELServer::removeConnection(const std::shared_ptr<VELConnection>& connectio
   {
     const std::lock_guard lock(connections_mutex_);
     connections_.erase(connection);
+    closing_.erase(connection);
   }
   observers_->notify(VELChange::Kind::kRemoval, false, connection);
   if (!draining_) return;

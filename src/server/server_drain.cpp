@@ -1,5 +1,5 @@
 // How a server ends in good order: no new connections, the present requests finished, the rest
-// killed at the deadline.
+// closed at the deadline.
 #include <algorithm>
 #include <utility>
 
@@ -30,7 +30,7 @@ void VELServer::drain(std::chrono::milliseconds deadline, std::function<void()> 
     queue_->after(std::clamp(deadline, std::chrono::milliseconds(0), kLongestDeadline),
                   [weak = std::weak_ptr<Drain>(drain_)] {
                     const auto drain = weak.lock();
-                    if (drain) drain->server->stop(false);
+                    if (drain) drain->server->closeConnectionsAtOnce();
                   });
     for (const auto& connection : connections()) connection->closeWhenIdle();
     endDrainIfEmpty();
@@ -38,7 +38,20 @@ void VELServer::drain(std::chrono::milliseconds deadline, std::function<void()> 
 }
 
 void VELServer::endDrainIfEmpty() {
-  if (drain_ && numberOfConnections() == 0) endDrain();
+  if (drain_ && areAllConnectionsClosed()) endDrain();
+}
+
+bool VELServer::areAllConnectionsClosed() const {
+  const std::lock_guard lock(connections_mutex_);
+  return connections_.empty() && closing_.empty();
+}
+
+/// Those that were killed, too: they may be waiting for a client that takes nothing.
+void VELServer::closeConnectionsAtOnce() {
+  const std::lock_guard lock(connections_mutex_);
+  closing_.merge(connections_);
+  connections_.clear();
+  for (const auto& connection : closing_) connection->closeAtOnce();
 }
 
 void VELServer::endDrain() {

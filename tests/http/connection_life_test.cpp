@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,7 +14,6 @@
 #include "corvane/http_connection.h"
 #include "corvane/responses.h"
 #include "http/connection_engine.h"
-#include "platform/clock.h"
 #include "support/fake_connection.h"
 
 namespace vel::test {
@@ -101,34 +101,22 @@ TEST(HTTPConnection, AnswersPipelinedRequestsInOrder) {
   EXPECT_EQ(fake.answerTo(requests), expected);
 }
 
-TEST(KeepAlive, ClosesWhatHasBeenIdleSinceItsAnswer) {
-  const auto loops = std::make_shared<VELEventLoops>(1);
-  const auto configuration = configurationWith({routeFor("/", answeringWith("x"))});
-  const auto untimed = configuration->copy();
-  untimed->setKeepAliveInterval(0);
-  FakeConnection idle(configuration, loops);
-  FakeConnection fresh(configuration, loops);
-  FakeConnection reading(configuration, loops);
-  FakeConnection unsent(configuration, loops);
-  FakeConnection forever(untimed, loops);
-  for (FakeConnection* fake : {&idle, &reading, &unsent, &forever}) fake->answerTo(kGet);
-  reading.answerTo("GET / HTTP/1.1\r\n");
-  unsent.socket().setUnsentLength(1);
-  const auto pass = [&](std::chrono::seconds time) {
-    advanceClock(time);
-    idle.socket().delegateQueue()->async([] {});
+TEST(KeepAlive, LimitsTheTimeOfTheNextHead) {
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
+  const std::vector<std::pair<double, int>> cases = {
+      {15, 15'000},        {2.5, 2500},
+      {0.0001, 1},         {60, 30'000},
+      {0, 30'000},         {-1, 30'000},
+      {kInfinite, 30'000}, {std::numeric_limits<double>::quiet_NaN(), 30'000},
   };
-  pass(std::chrono::seconds(16));
-  ASSERT_TRUE(idle.socket().waitUntilClosed());
-  // All of them live on one loop, so their time has come as well.
-  for (FakeConnection* fake : {&fresh, &reading, &unsent, &forever}) {
-    fake->socket().settle();
-    EXPECT_FALSE(fake->socket().wasDisconnected());
+  for (const auto& [interval, milliseconds] : cases) {
+    const auto configuration = configurationWith({routeFor("/", answeringWith("x"))});
+    configuration->setKeepAliveInterval(interval);
+    FakeConnection fake(configuration);
+    EXPECT_EQ(fake.socket().calls().front().timeout.count(), 30'000) << interval;
+    fake.answerTo(kGet);
+    EXPECT_EQ(fake.socket().calls().back().timeout.count(), milliseconds) << interval;
   }
-  EXPECT_NE(reading.answerTo("\r\n"), "");
-  unsent.socket().setUnsentLength(0);
-  pass(std::chrono::seconds(16));
-  EXPECT_TRUE(unsent.socket().waitUntilClosed());
 }
 
 TEST(HTTPConnection, LeavesItsServerOnceWhenTheSocketCloses) {

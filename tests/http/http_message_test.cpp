@@ -90,6 +90,13 @@ TEST(HTTPMessage, BuildsResponses) {
             "HTTP/1.0 200 Fine\r\n\r\n");
 }
 
+TEST(HTTPMessage, WritesStatusCodesWithThreeDigits) {
+  VELHTTPMessage message = VELHTTPMessage::emptyRequest();
+  message.appendData("HTTP/1.1 007 Low\r\n\r\n");
+  message.setValueForHeaderField("1", "A");
+  EXPECT_EQ(message.messageData().string(), "HTTP/1.1 007 Low\r\nA: 1\r\n\r\n");
+}
+
 TEST(HTTPMessage, CopiesAreIndependent) {
   VELHTTPMessage source = VELHTTPMessage::emptyRequest();
   source.appendData("GET / HTTP/1.1\r\nA: 1\r\nPart");

@@ -49,13 +49,14 @@ struct Case {
 
 TEST(Transmitter, FramesAndTagsEveryWrite) {
   for (const Case& c : std::vector<Case>{
-           {"plain, one piece",
+           {"plain, one piece", false, false, true, {"hello"}, {90}, "hello", Progress::kUnderWay},
+           {"plain, one large piece",
             false,
             false,
             true,
-            {"hello"},
+            {std::string(1000, 'l')},
             {21, 90},
-            "hello",
+            std::string(1000, 'l'),
             Progress::kUnderWay},
            {"plain, two",
             false,
@@ -121,6 +122,47 @@ TEST(Transmitter, FramesAndTagsEveryWrite) {
                           (call.tag == kLastTag && !c.chunked && call.bytes.find("HTTP/") != 0);
       EXPECT_EQ(call.timeout.count(), isBody ? -1 : 30'000) << c.what << ' ' << call.tag;
     }
+  }
+}
+
+// Changes its head while its body is read, and counts how often it is asked whether that is all.
+class ShiftyResponse : public VELResponse {
+ public:
+  explicit ShiftyResponse(std::vector<std::string> pieces) : pieces_(std::move(pieces)) {
+    setStatus(200);
+    setContentLength(1);
+    setValueForHeader(std::string(100, 'v'), "X-Field");
+  }
+  VELData readDataOfLength(uint64_t) override {
+    setHeaders({});
+    setStatusDescription(std::nullopt);
+    return next_ < pieces_.size() ? VELData(pieces_[next_++]) : VELData();
+  }
+  bool isFinished() const override {
+    ++asked;
+    return next_ == pieces_.size();
+  }
+
+  mutable int asked = 0;
+
+ private:
+  const std::vector<std::string> pieces_;
+  size_t next_ = 0;
+};
+
+TEST(Transmitter, ReadsTheHeadBeforeTheBodyAndAsksOnceForTheEnd) {
+  const std::vector<std::pair<std::vector<std::string>, int>> cases = {
+      {{"small"}, 1}, {{std::string(5000, 'l')}, 1}, {{"one", "two"}, 2}, {{""}, 0}, {{}, 0}};
+  for (const auto& [pieces, asked] : cases) {
+    const auto socket = std::make_shared<FakeSocket>();
+    ShiftyResponse response(pieces);
+    SentBytes sent;
+    const VELLimits limits;
+    Transmitter transmitter(*socket, response, limits, sent);
+    if (transmitter.begin(false) == Progress::kUnderWay) completeWrites(&transmitter, *socket);
+    EXPECT_THAT(socket->output(), HasSubstr("X-Field: " + std::string(100, 'v') + "\r\n"));
+    EXPECT_EQ(response.asked, asked);
+    EXPECT_EQ(sent.all, socket->output().size());
   }
 }
 

@@ -159,6 +159,36 @@ TEST(RegexEngine, RecognisesLiteralPrefixes) {
   }
 }
 
+TEST(RegexEngine, KnowsWhatEveryMatchBeginsWith) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"^/users/([0-9]+)$", "/users/"},
+      {"^/a\\.b$", "/a.b"},
+      {"^/ab*", "/a"},
+      {"^/ab?c", "/a"},
+      {"^/ab{0,2}", "/a"},
+      {"^/a\\+*", "/a"},
+      {"^/\xC3\xA9*", "/"},
+      {"^/a|/b", ""},
+      {"^/a(b|c)", ""},
+      {"/a.", ""},
+      {"^(/a)?", ""},
+      {"^/a\\d", "/"},
+      {"^/plain", ""},
+      {"^/ab\\E*c", "/a"},
+      {"^/ab\\Q\\E*c", "/a"},
+      {"^/ab(?#x)*c", "/a"},
+  };
+  for (const auto& [pattern, head] : cases) {
+    const auto engine =
+        vel::RegexEngine::compile(pattern, VELRegularExpressionOptions::kNone, nullptr);
+    ASSERT_NE(engine, nullptr) << pattern;
+    EXPECT_EQ(engine->requiredHead(), head) << pattern;
+  }
+  const auto caseless = vel::RegexEngine::compile(
+      "^/users/(.*)", VELRegularExpressionOptions::kCaseInsensitive, nullptr);
+  EXPECT_EQ(caseless->requiredHead(), "");
+}
+
 TEST(RegexEngine, LiteralsMatchAsTheLibraryWould) {
   const std::string_view literals[] = {"", "/", "/desk", "/DESKS/a.b", "/abc", "/t\xC3\xA9"};
   const std::string_view texts[] = {

@@ -107,4 +107,12 @@ TEST(URL, FilePathsSurviveTheirWayThroughAURL) {
   EXPECT_EQ(directory.URLByAppendingPathComponent("100% #1").filePath(), "/tmp/dir/100% #1");
 }
 
+TEST(URL, AnAppendedComponentIsNeverAHost) {
+  for (const std::string_view text : {"file://", "h://", "//", "http:", "/", "http:///?q"}) {
+    const VELURL url = VELURL::URLWithString(text)->URLByAppendingPathComponent("etc");
+    EXPECT_EQ(url.host(), "") << text;
+    EXPECT_EQ(url.path(), "/etc") << text;
+  }
+}
+
 }  // namespace

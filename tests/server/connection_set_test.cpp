@@ -17,12 +17,21 @@ using testing::UnorderedElementsAre;
 
 class Connection : public VELConnection {
  public:
-  void close() override { ++closes; }
+  void close() override {
+    ++closes;
+    closes.notify_all();
+  }
   void closeWhenIdle() override { ++idle_closes; }
   std::shared_ptr<VELServer> server() const override { return nullptr; }
   VELUUID identifier() const override { return {}; }
   bool isSecure() const override { return false; }
   VELSocketAddress peerAddress() const override { return {}; }
+
+  /// Waits for it.
+  bool wasClosed() const {
+    closes.wait(0);
+    return closes > 0;
+  }
 
   std::atomic<int> closes{0};
   std::atomic<int> idle_closes{0};
@@ -163,10 +172,14 @@ TEST_F(ConnectionSet, IsKilledAtTheDeadline) {
   Ending second;
   server_->drain(std::chrono::hours(1), first.completion(server_));
   server_->drain(std::chrono::milliseconds(-1), second.completion(server_));
+  EXPECT_TRUE(a_->wasClosed());
+  EXPECT_EQ(server_->numberOfConnections(), 0U);
+  // Those that were killed have to end as well.
+  EXPECT_EQ(first.future.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  server_->connectionDidClose(a_);
   EXPECT_TRUE(first.hasCome());
   EXPECT_TRUE(second.hasCome());
   EXPECT_EQ(a_->closes, 1);
-  EXPECT_EQ(server_->numberOfConnections(), 0U);
 }
 
 TEST_F(ConnectionSet, EndsItsDrainWithoutAKillWhenTheServerStartsAgain) {
@@ -186,6 +199,7 @@ TEST_F(ConnectionSet, EndsItsDrainWithAKill) {
   Ending ending;
   server_->drain(std::chrono::hours(1), ending.completion(server_));
   server_->kill();
+  server_->connectionDidClose(a_);
   EXPECT_TRUE(ending.hasCome());
 }
 

@@ -12,6 +12,13 @@ void FakeSocket::receive(std::string_view bytes) {
 // Completions are posted, as a real socket's come from the loop: what they throw reaches the last
 // resort.
 void FakeSocket::settle() {
+  if (settles_in_one_turn_) {
+    queue_->sync([&] {
+      while (completeOne()) {
+      }
+    });
+    return;
+  }
   bool wasCompleted = true;
   while (wasCompleted) {
     wasCompleted = false;

@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "corvane/identity.h"
+#include "platform/memory_socket.h"
+#include "support/memory_wire.h"
 #include "support/socket_wire.h"
 #include "support/test_certificate.h"
 #include "support/tls_wire.h"
@@ -27,10 +29,17 @@ const VELCertificateList& certificates() {
   return list;
 }
 
+bool isInMemory(Transport transport) { return transport >= Transport::kMemory; }
+
+bool isSecure(Transport transport) {
+  return transport == Transport::kTLS || transport == Transport::kMemoryTLSByBytes;
+}
+
 }  // namespace
 
 std::string transportName(Transport transport) {
-  return transport == Transport::kTLS ? "TLS" : "TCP";
+  constexpr const char* kNames[] = {"TCP", "TLS", "Memory", "MemoryByBytes", "MemoryTLSByBytes"};
+  return kNames[static_cast<size_t>(transport)];
 }
 
 std::shared_ptr<VELBlockRoute> blockRoute(const std::string& path, VELBlockRoute::Handler handler) {
@@ -51,16 +60,24 @@ std::shared_ptr<VELResponse> textResponse(const std::string& text) {
 
 template <typename Predicate>
 bool TestServer::waitUntil(const Predicate& predicate) {
+  const auto holds = [&] {
+    const std::lock_guard lock(mutex_);
+    return predicate();
+  };
+  if (manual_loops_) return manual_loops_->runUntil(holds);
   std::unique_lock lock(mutex_);
   return changed_.wait_for(lock, kPatience, predicate);
 }
 
 TestServer::TestServer(const Options& options,
                        const std::function<void(VELConfiguration&)>& configure)
-    : transport_(options.transport), loops_(std::make_shared<VELEventLoops>(options.loops)) {
+    : transport_(options.transport),
+      manual_loops_(isInMemory(transport_) ? std::make_shared<ManualLoops>() : nullptr),
+      loops_(manual_loops_ ? manual_loops_->loops()
+                           : std::make_shared<VELEventLoops>(options.loops)) {
   auto configuration = std::make_shared<VELConfiguration>();
   configuration->addRoute(textRoute(kAlivePath, kAliveText));
-  if (transport_ == Transport::kTLS) configuration->setSSLCertificates(certificates());
+  if (isSecure(transport_)) configuration->setSSLCertificates(certificates());
   configure(*configuration);
   server_ = std::make_shared<VELServer>(configuration, loops_);
   observation_ = server_->observe("connections", [this](const VELChange& change) {
@@ -89,14 +106,25 @@ TestServer::~TestServer() {
   loops_->stop();
 }
 
+std::unique_ptr<Wire> TestServer::connectWire() {
+  if (!manual_loops_) return std::make_unique<SocketWire>(kHost, port());
+  auto [near, far] = MemoryEnd::makePipe();
+  const auto queue = std::make_shared<VELSerialQueue>("org.corvane.Test", loops_);
+  const auto socket = std::make_shared<MemorySocket>(std::move(far), queue);
+  server_->socketDidAcceptNewSocket(*socket, socket);
+  manual_loops_->run();
+  const size_t piece = transport_ == Transport::kMemory ? 0 : 1;
+  return std::make_unique<MemoryWire>(std::move(near), manual_loops_, piece);
+}
+
 std::unique_ptr<WireClient> TestServer::connect() {
-  auto wire = std::make_unique<SocketWire>(kHost, port());
-  if (transport_ == Transport::kTCP) return std::make_unique<WireClient>(std::move(wire));
-  return std::make_unique<WireClient>(std::make_unique<TLSWire>(std::move(wire)));
+  std::unique_ptr<Wire> wire = connectWire();
+  if (isSecure(transport_)) wire = std::make_unique<TLSWire>(std::move(wire));
+  return std::make_unique<WireClient>(std::move(wire));
 }
 
 std::unique_ptr<WireClient> TestServer::connectPlain() {
-  return std::make_unique<WireClient>(std::make_unique<SocketWire>(kHost, port()));
+  return std::make_unique<WireClient>(connectWire());
 }
 
 bool TestServer::isServed(WireClient& client) {
@@ -105,6 +133,14 @@ bool TestServer::isServed(WireClient& client) {
 
 bool TestServer::waitForConnections(size_t count) {
   return waitUntil([this, count] { return server_->numberOfConnections() == count; });
+}
+
+bool TestServer::waitFor(const std::future<void>& event) {
+  const auto has_come = [&event](std::chrono::seconds most) {
+    return event.wait_for(most) == std::future_status::ready;
+  };
+  if (!manual_loops_) return has_come(kPatience);
+  return manual_loops_->runUntil([&has_come] { return has_come(std::chrono::seconds(0)); });
 }
 
 std::vector<FinishedRequest> TestServer::waitForFinishedRequests(size_t count) {

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,12 +13,14 @@
 #include "corvane/block_route.h"
 #include "corvane/configuration.h"
 #include "corvane/server.h"
+#include "support/manual_loops.h"
 #include "support/wire_client.h"
 
 namespace vel::test {
 
-/// What carries the bytes between a test and its server.
-enum class Transport { kTCP, kTLS };
+/// What carries the bytes between a test and its server. In memory the server runs on the test's thread,
+/// inside the operations of clients and of this class.
+enum class Transport { kTCP, kTLS, kMemory, kMemoryByBytes, kMemoryTLSByBytes };
 
 std::string transportName(Transport transport);
 
@@ -55,6 +58,8 @@ class TestServer {
   ~TestServer();
 
   VELServer& server() { return *server_; }
+  /// The loops of a server in memory.
+  ManualLoops& manualLoops() { return *manual_loops_; }
   uint16_t port() const { return server_->listeningPort(); }
 
   /// A new connection over the server's transport.
@@ -67,6 +72,8 @@ class TestServer {
 
   /// Waits until the server has `count` connections.
   bool waitForConnections(size_t count);
+  /// Waits for something that happens on the server's loops.
+  bool waitFor(const std::future<void>& event);
   /// Waits until `count` requests are finished, and gives them.
   std::vector<FinishedRequest> waitForFinishedRequests(size_t count);
 
@@ -74,7 +81,10 @@ class TestServer {
   template <typename Predicate>
   bool waitUntil(const Predicate& predicate);
 
+  std::unique_ptr<Wire> connectWire();
+
   const Transport transport_;
+  const std::shared_ptr<ManualLoops> manual_loops_;
   std::shared_ptr<VELEventLoops> loops_;
   std::shared_ptr<VELServer> server_;
   VELObservation observation_;

@@ -53,12 +53,12 @@ TLSWire::TLSWire(std::unique_ptr<Wire> below, const TLSOffer& offer)
 
 TLSWire::~TLSWire() = default;
 
-/// Hands what OpenSSL has written to the wire below.
-bool TLSWire::flush() {
+/// Hands what OpenSSL has written to the wire below, and `raw` with it.
+bool TLSWire::flush(std::string_view raw) {
   std::string bytes(BIO_ctrl_pending(session_->outgoing), '\0');
-  if (bytes.empty()) return true;
-  BIO_read(session_->outgoing, bytes.data(), static_cast<int>(bytes.size()));
-  return below_->send(bytes);
+  if (!bytes.empty()) BIO_read(session_->outgoing, bytes.data(), static_cast<int>(bytes.size()));
+  bytes += raw;
+  return bytes.empty() || below_->send(bytes);
 }
 
 /// Gives OpenSSL more of what the wire below receives.
@@ -69,11 +69,11 @@ bool TLSWire::feed() {
   return true;
 }
 
-bool TLSWire::send(std::string_view bytes) {
+bool TLSWire::sendBefore(std::string_view bytes, std::string_view raw) {
   if (bytes.empty()) return true;
   ERR_clear_error();
   return SSL_write(session_->ssl.get(), bytes.data(), static_cast<int>(bytes.size())) > 0 &&
-         flush();
+         flush(raw);
 }
 
 bool TLSWire::receive(std::string& received) {

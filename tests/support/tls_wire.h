@@ -26,7 +26,9 @@ class TLSWire : public Wire {
   explicit TLSWire(std::unique_ptr<Wire> below, const TLSOffer& offer = {});
   ~TLSWire() override;
 
-  bool send(std::string_view bytes) override;
+  bool send(std::string_view bytes) override { return sendBefore(bytes, {}); }
+  /// The same with `raw`, which is not encrypted, right behind it.
+  bool sendBefore(std::string_view bytes, std::string_view raw);
   bool receive(std::string& received) override;
   void finishSending() override;
   void reset() override;
@@ -38,7 +40,7 @@ class TLSWire : public Wire {
 
  private:
   struct Session;
-  bool flush();
+  bool flush(std::string_view raw = {});
   bool feed();
 
   std::unique_ptr<Wire> below_;

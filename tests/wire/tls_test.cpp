@@ -69,6 +69,26 @@ TEST_F(TLS, FailsForOneConnectionAtATime) {
   EXPECT_TRUE(server_.waitForConnections(1));
 }
 
+TEST_F(TLS, OutlivesABadRecordBehindAGoodRequest) {
+  const auto bystander = server_.connect();
+  const std::string records[] = {
+      std::string("\x17\x03\x03\x00\x40", 5) + std::string(64, 'x'),
+      std::string("\x15\x03\x03\x00\x02\x02\x28", 7),
+      "GET / HTTP/1.1\r\n\r\n",
+  };
+  for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+    for (const std::string& record : records) {
+      auto wire = connect({version, version, {}, false});
+      wire->sendBefore(head({"GET /is-alive HTTP/1.1"}), record);
+      std::string received;
+      while (wire->receive(received)) {
+      }
+      EXPECT_TRUE(TestServer::isServed(*bystander));
+    }
+  }
+  EXPECT_TRUE(server_.waitForConnections(1));
+}
+
 TEST(PlainServer, TakesAHandshakeForABadRequest) {
   TestServer server([](VELConfiguration&) {});
   const auto bystander = server.connect();

@@ -21,9 +21,14 @@ void expectAnswer(WireClient& client, const ExpectedAnswer& expected) {
   EXPECT_EQ(client.readBytes(expected.body.size()), expected.body);
 }
 
-void runCase(TestServer& server, const WireCase& wire_case) {
+// Cases up to this size are cut everywhere.
+constexpr size_t kMostCut = 1000;
+
+// Sends the case in two pieces, the first of which ends at `cut`.
+void runCase(TestServer& server, const WireCase& wire_case, size_t cut) {
   const auto client = server.connect();
-  client->send(wire_case.sent);
+  client->send(wire_case.sent.substr(0, cut));
+  client->send(wire_case.sent.substr(cut));
   for (const ExpectedAnswer& expected : wire_case.answers) expectAnswer(*client, expected);
   if (wire_case.after == After::kOpen) {
     EXPECT_TRUE(TestServer::isServed(*client)) << "the connection is not served any more";
@@ -56,11 +61,14 @@ void WireTable::run(const std::vector<WireCase>& cases) {
   TestServer server({.transport = GetParam()}, addCaseRoutes);
   const auto bystander = server.connect();
   for (const WireCase& wire_case : cases) {
-    SCOPED_TRACE(wire_case.name);
-    try {
-      runCase(server, wire_case);
-    } catch (const std::exception& exception) {
-      ADD_FAILURE() << exception.what();
+    const bool is_cut = GetParam() == Transport::kMemory && wire_case.sent.size() <= kMostCut;
+    for (size_t cut = 0; cut < (is_cut ? wire_case.sent.size() : 1); ++cut) {
+      SCOPED_TRACE(wire_case.name + ", cut at " + std::to_string(cut));
+      try {
+        runCase(server, wire_case, cut);
+      } catch (const std::exception& exception) {
+        ADD_FAILURE() << exception.what();
+      }
     }
     EXPECT_TRUE(TestServer::isServed(*bystander));
   }

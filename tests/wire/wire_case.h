@@ -45,8 +45,11 @@ class WireTable : public ::testing::TestWithParam<Transport> {
   void run(const std::vector<WireCase>& cases);
 };
 
-#define INSTANTIATE_WIRE_TABLE(Suite)                                                    \
-  INSTANTIATE_TEST_SUITE_P(, Suite, ::testing::Values(Transport::kTCP, Transport::kTLS), \
-                           [](const auto& suite) { return transportName(suite.param); })
+#define INSTANTIATE_WIRE_TABLE(Suite)                                             \
+  INSTANTIATE_TEST_SUITE_P(                                                       \
+      , Suite,                                                                    \
+      ::testing::Values(Transport::kTCP, Transport::kTLS, Transport::kMemory,     \
+                        Transport::kMemoryByBytes, Transport::kMemoryTLSByBytes), \
+      [](const auto& suite) { return transportName(suite.param); })
 
 }  // namespace vel::test

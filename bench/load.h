@@ -1,0 +1,61 @@
+// Load: keeps a number of connections busy with a number of requests and checks every answer.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "load_options.h"
+#include "load_stream.h"
+
+namespace bench {
+
+// Queue:   the one thread of the load program.
+class Load {
+ public:
+  explicit Load(const LoadOptions& options);
+  // Sends that many requests over `count` connections from `first` on, opening those that are
+  // not open, and returns when each has been answered or has failed.
+  void run(std::uint64_t requests, std::size_t first, std::size_t count);
+  [[nodiscard]] std::uint64_t errors() const { return errors_; }
+  [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
+
+ private:
+  struct Connection {
+    LoadStream stream;
+    std::size_t outstanding = 0;
+    std::uint64_t unsent = 0;    // bytes at the end of the row of requests
+    std::uint64_t rowBytes = 0;  // length of the row of requests being sent
+    bool watchesSpace = false;
+    std::string carry;  // the beginning of an answer that was split
+  };
+
+  void connect(std::size_t index);
+  void watch(std::size_t index, int operation, std::uint32_t events) const;
+  void begin(std::size_t index);
+  void send(std::size_t index);
+  void handle(std::size_t index, std::uint32_t events);
+  void receive(std::size_t index);
+  void digest(std::size_t index, std::string_view bytes);
+  void ended(std::size_t index);
+  void countError(std::uint64_t lost);
+
+  static constexpr std::size_t kReceiveSize = 64 * 1024;
+
+  const LoadOptions& options_;
+  const RequestText text_;
+  SSL_CTX* const context_;
+  std::vector<Connection> connections_;
+  std::array<char, kReceiveSize> buffer_{};
+  int epoll_ = -1;
+  std::uint32_t nextSource_ = 0;
+  std::uint64_t toSend_ = 0;
+  std::uint64_t toFinish_ = 0;
+  std::uint64_t errors_ = 0;
+  std::uint64_t bytes_ = 0;
+};
+
+}  // namespace bench

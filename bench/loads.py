@@ -1,0 +1,61 @@
+"""The loads by name, how many requests each round has, and the figures to reach. load_options.cpp
+knows what each of them sends.
+"""
+
+import dataclasses
+
+ANSWER = "Hello, world!"
+
+
+@dataclasses.dataclass(frozen=True)
+class Load:
+    """One load of the processor time table, and of instructions and system calls."""
+    name: str
+    requests: int            # per round
+    traced: tuple            # requests for the tracers: few, many
+    warmup: int
+    ratio: float | None = None         # to reach
+    instructions: int | None = None    # to reach
+    calls: float | None = None         # to reach
+    service: str = "plain"   # what the server is started for: plain, tls or upload
+
+    @property
+    def words(self):
+        """What the load program is told."""
+        return ["--load", self.name]
+
+
+LOADS = {load.name: load for load in (
+    Load("keep-alive", 20_000, (1000, 5000), 1000, ratio=1.18, instructions=5000, calls=2.0),
+    Load("browser", 20_000, (1000, 5000), 1000, ratio=1.30),
+    Load("pipelined", 100_000, (3200, 16_000), 4000, ratio=1.80),
+    # Rounds of this size stay below the kernel's table of connections in TIME_WAIT.
+    Load("connection", 3000, (300, 1500), 300, ratio=1.25),
+    Load("tls", 20_000, (1000, 5000), 1000, ratio=1.20, service="tls"),
+    Load("tls-handshake", 1000, (100, 300), 100, service="tls"),
+    # A request is one mebibyte.
+    Load("upload", 256, (16, 64), 16, service="upload"),
+    Load("upload-chunked", 256, (16, 64), 16, service="upload"),
+)}
+
+IDLE_CONNECTIONS = 10_000
+IDLE_BYTES = 768
+
+LARGE_UPLOAD_MEBIBYTES = 1024
+LARGE_UPLOAD_GROWTH_MEBIBYTES = 8
+LARGE_UPLOADS = {"length": "upload", "chunked": "upload-chunked"}
+
+GROWTHS = ("growth-connections", "growth-routes", "growth-fields")
+CONNECTIONS = (1, 64, 1000, 10_000)
+CONNECTIONS_GOAL = 1.05      # the last against the second: one connection alone is not busy
+ROUTES = (1, 10, 100, 1000)
+ROUTES_GOAL = 1.20           # the last against the first
+FIELDS = (1, 10, 30, 90)
+
+LOOPS = (1, 2)
+FUTEX_GOAL = 0.0
+
+# Everything that --load names, in the order of the tables.
+NAMES = (*LOADS, "loops", *GROWTHS, "upload-memory", "idle")
+# What --quick leaves out unless it is named.
+SLOW = (*GROWTHS, "upload-memory")

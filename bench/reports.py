@@ -1,0 +1,187 @@
+"""The tables of bench/run. Each function measures, prints its table and returns what failed."""
+
+import sys
+
+import loads
+import measures
+import targets
+from loads import LOADS
+from processes import BenchError
+from targets import CONTROL
+
+SECONDS_PER_LOAD = 30
+
+
+def print_table(title, rows):
+    """Columns as wide as their widest cell; the first row is the head."""
+    print(f"\n{title}")
+    widths = [max(len(row[column]) for row in rows) for column in range(len(rows[0]))]
+    for row in rows:
+        print("  " + "  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
+    sys.stdout.flush()
+
+
+def verdict(value, goal, text=None):
+    if goal is None:
+        return "-"
+    return f"<= {text or goal} " + ("yes" if value <= goal else "NO")
+
+
+def attempt(failures, what, measure, *arguments):
+    """A figure, or None with the reason put on the list."""
+    try:
+        return measure(*arguments)
+    except BenchError as error:
+        failures.append(f"{what}: {error}")
+        return None
+
+
+def progress(text):
+    if sys.stderr.isatty():
+        print(f"  {text} ...", file=sys.stderr)
+
+
+def report_cpu(bench, servers, names, arguments):
+    columns = [server.name for server in servers if server.name != "limit"]
+    columns.sort(key=lambda name: name != CONTROL)
+    pair = "corvane" in columns and "against" in columns
+    head = ["load", "rounds", "limit us", *columns]
+    head += ["corvane/against"] if pair else []
+    head += ["corvane to reach"] if "corvane" in columns else []
+    rows, failures = [head], []
+    for load in (LOADS[name] for name in names):
+        requests = arguments.requests or load.requests
+        rounds = arguments.rounds or (5 if arguments.quick else 11)
+        progress(f"{load.name}: rounds of {requests} requests")
+        taking_part = [server for server in servers if server.serves(load.service)]
+        results, failed = measures.cpu_rounds(bench, taking_part, load, requests, rounds,
+                                              SECONDS_PER_LOAD)
+        failures += [f"{name}, {load.name}: {reason}" for name, reason in failed.items()]
+        if "limit" in failed or CONTROL in failed:
+            continue
+        ratio = {name: measures.ratios(results, name, "limit", CONTROL)
+                 for name in results if name not in failed}
+        ratio[CONTROL] = measures.ratios(results, CONTROL, "limit")
+        limit = measures.median_microseconds(results["limit"])
+        row = [load.name, str(len(results["limit"])), f"{limit:.2f}"]
+        row += [str(ratio.get(name, "failed" if name in failed else "-")) for name in columns]
+        if pair:
+            both = "corvane" in ratio and "against" in ratio
+            row.append(str(measures.ratios(results, "corvane", "against")) if both else "-")
+        if "corvane" in columns:
+            row.append(verdict(ratio["corvane"].median, load.ratio, f"{load.ratio or 0:.2f}")
+                       if "corvane" in ratio else "failed")
+        rows.append(row)
+    print_table("Server processor time per request (of uploads: per MiB): ratio to the limit in "
+                "the same round, median (quartiles)", rows)
+    return failures
+
+
+def report_instructions(bench, servers, names):
+    rows, failures = [["load", *(server.name for server in servers), "corvane to reach"]], []
+    for load in (LOADS[name] for name in names):
+        cells, reached = [], "-"
+        for server in servers:
+            if not server.serves(load.service):
+                cells.append("-")
+                continue
+            value = attempt(failures, f"instructions of {server.name}, {load.name}",
+                            measures.instructions_per_request, bench, server, load.words,
+                            *load.traced, load.service)
+            cells.append("failed" if value is None else f"{value:,.0f}")
+            if server.name == "corvane" and value is not None:
+                goal = load.instructions
+                reached = verdict(value, goal, f"{goal:,}" if goal else None)
+        rows.append([load.name, *cells, reached])
+    print_table("User instructions per request (callgrind)", rows)
+    return failures
+
+
+def report_calls(bench, servers, names):
+    rows, failures = [["load", "server", "calls", "to reach", "which"]], []
+    for load in (LOADS[name] for name in names):
+        # Few connections: how many accepts find nothing more to accept differs from run to run.
+        words = load.words if load.service == "upload" else [*load.words, "--connections", 16]
+        for server in servers:
+            if not server.serves(load.service):
+                continue
+            calls = attempt(failures, f"system calls of {server.name}, {load.name}",
+                            measures.calls_per_request, bench, server, words, *load.traced,
+                            load.service)
+            if calls is None:
+                rows.append([load.name, server.name, "failed", "-", ""])
+                continue
+            goal = load.calls if server.name == "corvane" else None
+            rows.append([load.name, server.name, f"{calls.total:.2f}",
+                         verdict(round(calls.total, 1), goal), calls.details()])
+    print_table("System calls per request, waits for events left out (strace)", rows)
+    return failures
+
+
+def report_idle(bench, servers):
+    rows, failures = [["server", "bytes", "to reach"]], []
+    for server in servers:
+        value = attempt(failures, f"memory of {server.name}",
+                        measures.bytes_per_idle_connection, bench, server)
+        if value is None:
+            rows.append([server.name, "failed", "-"])
+            continue
+        goal = loads.IDLE_BYTES if server.name == "corvane" else None
+        rows.append([server.name, f"{value:,.0f}", verdict(value, goal)])
+    print_table(f"Resident bytes per idle connection, over {loads.IDLE_CONNECTIONS:,}", rows)
+    return failures
+
+
+def report_large_uploads(bench, servers):
+    size, goal = loads.LARGE_UPLOAD_MEBIBYTES, loads.LARGE_UPLOAD_GROWTH_MEBIBYTES
+    rows, failures = [["framing", "server", "growth MiB", "to reach", "us per MiB"]], []
+    for framing, load in loads.LARGE_UPLOADS.items():
+        for server in servers:
+            if not server.serves("upload"):
+                continue
+            progress(f"{server.name}: {size} MiB, {framing}")
+            value = attempt(failures, f"upload to {server.name}, {framing}",
+                            measures.large_upload, bench, server, load, size)
+            if value is None:
+                rows.append([framing, server.name, "failed", "-", ""])
+                continue
+            growth, nanoseconds = value
+            rows.append([framing, server.name, f"{growth:.1f}",
+                         verdict(round(growth, 1), goal if server.name == "corvane" else None),
+                         f"{nanoseconds / 1000:.0f}"])
+    print_table(f"One upload of {size:,} MiB: growth of the resident set at its peak", rows)
+    return failures
+
+
+def report_loops(bench, build_directory, path, identity, cores, arguments):
+    """One loop on the bench's core against two that may use all cores."""
+    limit, control = targets.limits(build_directory, identity)
+    servers = [targets.corvane(f"{loops} loop{'s' * (loops > 1)}", path, identity, loops,
+                               cores if loops > 1 else None) for loops in loads.LOOPS]
+    load = LOADS["keep-alive"]
+    results, failed = measures.cpu_rounds(
+        bench, [limit, *servers, control], load, arguments.requests or load.requests,
+        arguments.rounds or (5 if arguments.quick else 11), SECONDS_PER_LOAD)
+    failures = [f"{name}: {reason}" for name, reason in failed.items()]
+    rows = [["server", "processor time", "system calls", "futex", "to reach"]]
+    for server in servers:
+        row = [server.name, "failed", "-", "-", "-"]
+        if not failed.keys() & {server.name, limit.name, control.name}:
+            row[1] = str(measures.ratios(results, server.name, limit.name, control.name))
+        if not arguments.no_tools and measures.has_tool("strace"):
+            row[2:] = _calls_of_loops(bench, server, load, failures)
+        rows.append(row)
+    print_table("Loops, per request of keep-alive: processor time as a ratio to the limit, system "
+                "calls (strace)", rows)
+    return failures
+
+
+def _calls_of_loops(bench, server, load, failures):
+    """All calls, the futex calls, and whether those reach the goal."""
+    every = attempt(failures, f"system calls of {server.name}", measures.calls_per_request,
+                    bench, server, load.words, 2000, 10_000)
+    futex = attempt(failures, f"futex calls of {server.name}", measures.calls_per_request,
+                    bench, server, load.words, 20_000, 120_000, load.service, "futex")
+    cells = ["failed" if calls is None else f"{calls.total:.2f}" for calls in (every, futex)]
+    reached = "-" if futex is None else verdict(round(futex.total, 2), loads.FUTEX_GOAL, "0.00")
+    return [*cells, reached]

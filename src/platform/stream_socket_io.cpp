@@ -1,0 +1,179 @@
+// StreamSocket, the way of the bytes: the transport, and TLS between it and the rest.
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/stream_socket.h"
+#include "platform/workspace.h"
+
+namespace vel {
+namespace {
+
+// Plain bytes that are encrypted before the first of them is sent.
+constexpr size_t kEncryptAhead = 64 * 1024;
+// The plain bytes of one record at most (RFC 8446 §5.1).
+constexpr size_t kRecord = 16 * 1024;
+// Ciphertext to send beyond which nothing is received. What is written never comes that far, but what a
+// peer asks for without taking it would pile up: key updates (RFC 8446 §4.6.3), alerts.
+constexpr size_t kMostOutput = 2 * kEncryptAhead;
+
+VELError errorOf(int error) {
+  if (error == ECONNRESET || error == EPIPE) {
+    return VELError(VELSocketErrorDomain, kVELSocketClosed, "The peer reset the connection.");
+  }
+  return VELError(VELPOSIXErrorDomain, error, std::strerror(error));
+}
+
+}  // namespace
+
+void StreamSocket::gotWriteError(int error) {
+  if (error == EAGAIN) {
+    is_writable_ = false;
+  } else {
+    hung_up_ = true;
+    end(errorOf(error));
+  }
+}
+
+// Sends what the system takes now.
+void StreamSocket::flush() {
+  if (state() != State::kOpen) return;
+  if (tls_) return flushTls();
+  while (outgoing_ && !outgoing_->isSent() && is_writable_) {
+    iovec vectors[Outgoing::kMostVectors];
+    const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors);
+    size_t offered = 0;
+    for (int i = 0; i < count; ++i) offered += vectors[i].iov_len;
+    const ptrdiff_t sent = sendBytes(vectors, count);
+    if (sent < 0) return gotWriteError(errno);
+    outgoing_->didSend(static_cast<size_t>(sent));
+    // A part means that the system's buffer is full: it will tell when there is room.
+    if (static_cast<size_t>(sent) < offered) is_writable_ = false;
+  }
+}
+
+void StreamSocket::flushTls() {
+  Tls& tls = *tls_;
+  while (is_writable_) {
+    if (tls.output_sent < tls.output.size()) {
+      const iovec vector{tls.output.data() + tls.output_sent, tls.output.size() - tls.output_sent};
+      const ptrdiff_t sent = sendBytes(&vector, 1);
+      if (sent < 0) return gotWriteError(errno);
+      tls.output_sent += static_cast<size_t>(sent);
+      countSentSlices();
+      if (tls.output_sent < tls.output.size()) {
+        is_writable_ = false;
+        return;
+      }
+    }
+    countSentSlices();
+    tls.output_sent = 0;
+    tls.output.clear();
+    if (tls.output.capacity() > 2 * kEncryptAhead) tls.output.shrink_to_fit();
+    if (!tls.session->isHandshakeDone() || !outgoing_ || outgoing_->isSent()) return;
+    if (!encryptAhead()) return end(tls.session->error());
+  }
+}
+
+// What the system has taken whole is sent: the time of a write must not go on until those behind it are.
+void StreamSocket::countSentSlices() {
+  Tls& tls = *tls_;
+  size_t count = 0;
+  while (count < tls.slices.size() && tls.slices[count].end <= tls.output_sent) {
+    if (outgoing_) outgoing_->didSend(tls.slices[count].plain);
+    ++count;
+  }
+  tls.slices.erase(tls.slices.begin(), tls.slices.begin() + static_cast<ptrdiff_t>(count));
+}
+
+// Encrypts the next part of what is to be sent, a record at a time; false when that fails.
+bool StreamSocket::encryptAhead() {
+  Tls& tls = *tls_;
+  iovec vectors[Outgoing::kMostVectors];
+  const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors);
+  size_t encrypted = 0;
+  for (int i = 0; i < count; ++i) {
+    std::string_view plain(static_cast<const char*>(vectors[i].iov_base), vectors[i].iov_len);
+    while (!plain.empty() && encrypted < kEncryptAhead) {
+      const size_t length = std::min(plain.size(), kRecord);
+      if (tls.session->write(plain.substr(0, length), &tls.output) != TlsSession::Status::kOk) {
+        return false;
+      }
+      tls.slices.push_back({tls.output.size(), length});
+      encrypted += length;
+      plain.remove_prefix(length);
+    }
+  }
+  return true;
+}
+
+StreamSocket::Fill StreamSocket::fill(uint8_t* buffer, size_t capacity, size_t* length,
+                                      Workspace& workspace) {
+  return tls_ ? fillTls(buffer, capacity, length, workspace) : fillPlain(buffer, capacity, length);
+}
+
+StreamSocket::Fill StreamSocket::fillPlain(uint8_t* buffer, size_t capacity, size_t* length) {
+  *length = 0;
+  const ptrdiff_t got = receiveBytes(buffer, capacity);
+  if (got > 0) {
+    *length = static_cast<size_t>(got);
+    // Less than asked for means that nothing is left; the next bytes will be an event of their own. An end
+    // that has been told already will not come again.
+    if (*length < capacity && !peer_finished_ && !hung_up_) is_readable_ = false;
+    return Fill::kGot;
+  }
+  if (got == 0) {
+    peer_finished_ = true;
+    return Fill::kEnd;
+  }
+  if (errno == EAGAIN) {
+    is_readable_ = false;
+    return Fill::kWouldBlock;
+  }
+  const int error = errno;
+  hung_up_ = true;
+  if (state() == State::kOpen) end(errorOf(error));
+  return Fill::kFailed;
+}
+
+StreamSocket::Fill StreamSocket::fillTls(uint8_t* buffer, size_t capacity, size_t* length,
+                                         Workspace& workspace) {
+  Tls& tls = *tls_;
+  *length = 0;
+  bool has_taken = false;
+  while (true) {
+    tls.may_have_more = true;
+    TlsSession::Status status = tls.session->handshake(&tls.input, &tls.output);
+    if (status == TlsSession::Status::kOk && !tls.told_secure) return Fill::kGot;
+    if (status == TlsSession::Status::kOk) {
+      status = tls.session->read(&tls.input, buffer, capacity, length, &tls.output);
+    }
+    if (status == TlsSession::Status::kOk) return Fill::kGot;
+    if (status == TlsSession::Status::kClosed) return Fill::kEnd;
+    if (status == TlsSession::Status::kFailed) {
+      const VELError error = tls.session->error();
+      flush();  // the alert
+      if (state() == State::kOpen) end(error);
+      return Fill::kFailed;
+    }
+    tls.may_have_more = false;
+    const bool is_full = tls.output.size() - tls.output_sent > kMostOutput;
+    if (is_full || (unsentLength() > 0 && !tls.session->isHandshakeDone())) flush();
+    if (!is_readable_ || state() != State::kOpen || (is_full && !is_writable_)) {
+      return Fill::kWouldBlock;
+    }
+    // Records without a byte for anybody count, too: others want their turn.
+    if (std::exchange(has_taken, true)) return Fill::kGot;
+    std::vector<uint8_t>& ciphertext = workspace.ciphertext();
+    size_t got = 0;
+    const Fill result = fillPlain(ciphertext.data(), ciphertext.size(), &got);
+    if (result != Fill::kGot) return result;
+    tls.input = {reinterpret_cast<const char*>(ciphertext.data()), got};
+    tls.received.clear();
+  }
+}
+
+}  // namespace vel
