@@ -6,7 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/count.h"
 #include "support/socket_events.h"
 
 namespace vel::test {
@@ -120,11 +119,13 @@ TEST_P(SocketMoving, EndIsToldToTheNewOwner) {
 TEST_P(SocketMoving, TimeoutsGoAlong) {
   Owner next(loops_);
   ServedSocket served(loops_);
-  served.onQueue([&] { served.socket->readDataToLength(1, seconds(30), 0); });
+  served.socket->readDataToLength(1, seconds(30), 0);
+  served.socket->writeData(VELData(std::string("x")), seconds(30), 2);
+  // Told in the turn in which the time of the read begins; the next one finds it running.
+  ASSERT_NE(served.events->await("wrote 2"), "");
   served.queue->sync([] {});
   passTime(*served.queue, seconds(20));
   served.socket->setDelegate(next.events, next.queue);
-  Count arrived;
   served.socket->writeData(VELData(std::string("x")), seconds(30), 1);
   ASSERT_NE(next.events->await("wrote 1"), "");
   passTime(*next.queue, seconds(20));
