@@ -167,6 +167,7 @@ TEST_F(WatchedLoop, TellsComputingFromALostCore) {
   while (look(now + Watcher::kPatience) == 0) std::this_thread::yield();
   EXPECT_TRUE(done_.reaches(1));
   goes_on = false;
+  queue(0).sync([] {});
 }
 
 TEST_F(WatchedLoop, StartsNoMoreThreadsThanAllowed) {
