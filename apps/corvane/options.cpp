@@ -36,7 +36,7 @@ WrongOption notAvailable(std::string_view what) {
 class HelpFormatter : public CLI::Formatter {
  public:
   std::string make_usage(const CLI::App*, std::string) const override {
-    return "Usage: corvane [serve] [OPTIONS]\n";
+    return "Usage: corvane [serve] [OPTIONS] [DIRECTORY]\n";
   }
   std::string make_option_opts(const CLI::Option* option) const override {
     const std::string type = option->get_type_name();
@@ -55,14 +55,16 @@ struct RawOptions {
   std::vector<std::string> texts;
   std::vector<std::string> reflects;
   std::vector<std::string> inspects;
+  std::vector<std::string> files;
+  std::string index;
   std::vector<std::string> methods;
   std::string directory;
   bool debug = false;
   bool quiet = false;
 };
 
-constexpr const char* kLaterOptions[] = {"--files", "--index", "--proxy",
-                                         "--echo",  "--auth",  "--realm"};
+constexpr const char* kLaterOptions[] = {"--proxy", "--echo", "--auth", "--realm"};
+constexpr std::string_view kRouteOptions[] = {"--text", "--reflect", "--inspect", "--files"};
 
 void addValue(CLI::App& app, const std::string& name, std::string& value, const std::string& help,
               const std::string& type) {
@@ -89,6 +91,13 @@ void defineOptions(CLI::App& app, RawOptions& raw) {
   addValue(app, "--keep-alive", raw.keep_alive,
            "how long an idle connection stays open (default 15; 0: no timer)", "SECONDS");
   addValue(app, "--threads", raw.threads, "event-loop threads (default: one per core)", "N");
+  app.add_option("DIRECTORY", raw.directory,
+                 "serve its files under / (default, without any route: the current directory)");
+  addRepeatable(app, "--files", raw.files, "serve the files of DIRECTORY under PATH",
+                "PATH=DIRECTORY");
+  addValue(app, "--index", raw.index,
+           "the files that stand for a directory, the first that is there (default index.html)",
+           "NAME[,NAME...]");
   addRepeatable(app, "--text", raw.texts, "answer with TEXT under PATH", "PATH=TEXT");
   addRepeatable(app, "--reflect", raw.reflects, "answer with the request's body", "PATH");
   addRepeatable(app, "--inspect", raw.inspects, "answer with a description of the request in JSON",
@@ -99,7 +108,6 @@ void defineOptions(CLI::App& app, RawOptions& raw) {
   app.add_flag("--debug", raw.debug, "log what happens on each connection");
   app.add_flag("--quiet", raw.quiet, "write no access lines");
   for (const char* name : kLaterOptions) app.add_option(name)->group("");
-  app.add_option("DIRECTORY", raw.directory)->group("");
 }
 
 uint64_t parseNumber(std::string_view option, std::string_view text, uint64_t least,
@@ -157,7 +165,18 @@ std::pair<std::string, std::string> splitAtEqualsSign(std::string_view option,
   return {normalisedPath(option, value.substr(0, equals)), std::string(value.substr(equals + 1))};
 }
 
+RouteOption makeFileRoute(std::string path, std::string directory) {
+  // A request for "/docs/" has the path "/docs".
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return {RouteOption::Kind::kFiles, std::move(path), std::move(directory), std::nullopt};
+}
+
 RouteOption makeRoute(const std::string& option, const std::string& value) {
+  if (option == "--files") {
+    auto [path, directory] = splitAtEqualsSign(option, value);
+    if (directory.empty()) throw wrongValue(option, value, "a DIRECTORY is needed");
+    return makeFileRoute(std::move(path), std::move(directory));
+  }
   if (option == "--text") {
     auto [path, text] = splitAtEqualsSign(option, value);
     return {RouteOption::Kind::kText, std::move(path), std::move(text), std::nullopt};
@@ -174,18 +193,34 @@ bool isMethodCharacter(char c) {
          kPunctuation.find(c) != std::string_view::npos;
 }
 
-std::vector<std::string> parseMethods(const std::string& option_value, std::string_view list) {
-  std::vector<std::string> methods;
+std::vector<std::string> splitAtCommas(std::string_view list) {
+  std::vector<std::string> parts;
   for (size_t begin = 0; begin <= list.size();) {
     const size_t end = std::min(list.find(',', begin), list.size());
-    const std::string_view method = list.substr(begin, end - begin);
+    parts.emplace_back(list.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
+}
+
+std::vector<std::string> parseMethods(const std::string& option_value, std::string_view list) {
+  std::vector<std::string> methods = splitAtCommas(list);
+  for (const std::string& method : methods) {
     if (method.empty() || !std::all_of(method.begin(), method.end(), isMethodCharacter)) {
       throw wrongValue("--methods", option_value, "method names separated by commas are needed");
     }
-    methods.emplace_back(method);
-    begin = end + 1;
   }
   return methods;
+}
+
+std::vector<std::string> parseIndexNames(const std::string& list) {
+  std::vector<std::string> names = splitAtCommas(list);
+  for (const std::string& name : names) {
+    if (name.empty() || name.find('/') != std::string::npos) {
+      throw wrongValue("--index", list, "file names separated by commas are needed");
+    }
+  }
+  return names;
 }
 
 void applyMethods(const std::string& value, std::vector<RouteOption>& routes) {
@@ -205,7 +240,6 @@ void refuseWhatComesLater(const CLI::App& app, const RawOptions& raw) {
     if (app.count(name) > 0) throw notAvailable(name);
   }
   if (raw.profile == "standard") throw notAvailable("--profile standard");
-  if (app.count("DIRECTORY") > 0) throw notAvailable("serving a DIRECTORY");
 }
 
 ServeOptions checkOptions(const CLI::App& app, const RawOptions& raw) {
@@ -231,9 +265,18 @@ ServeOptions checkOptions(const CLI::App& app, const RawOptions& raw) {
   std::map<std::string, size_t> seen;
   for (const CLI::Option* option : app.parse_order()) {
     const std::string name = option->get_name();
-    if (name != "--text" && name != "--reflect" && name != "--inspect") continue;
+    if (std::find(std::begin(kRouteOptions), std::end(kRouteOptions), name) ==
+        std::end(kRouteOptions)) {
+      continue;
+    }
     options.routes.push_back(makeRoute(name, option->results()[seen[name]++]));
   }
+  if (app.count("DIRECTORY") > 0) {
+    options.routes.push_back(makeFileRoute("/", raw.directory));
+  } else if (options.routes.empty()) {
+    options.routes.push_back(makeFileRoute("/", "."));
+  }
+  if (app.count("--index") > 0) options.indexNames = parseIndexNames(raw.index);
   for (const std::string& value : raw.methods) applyMethods(value, options.routes);
   return options;
 }
@@ -259,7 +302,7 @@ std::variant<ServeOptions, Farewell> parseOptions(int argc, const char* const* a
   }
   if (!arguments.empty() && arguments.front() == "serve") arguments.erase(arguments.begin());
 
-  CLI::App app("Serves HTTP/1.1 from a shell.", "corvane");
+  CLI::App app("Serves files and more over HTTP/1.1 from a shell.", "corvane");
   RawOptions raw;
   defineOptions(app, raw);
   try {

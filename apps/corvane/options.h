@@ -11,12 +11,12 @@
 
 /// One route of the command line.
 struct RouteOption {
-  enum class Kind { kText, kReflect, kInspect };
+  enum class Kind { kText, kReflect, kInspect, kFiles };
 
   Kind kind;
   /// Begins with "/".
   std::string path;
-  /// What a text route answers with.
+  /// What a text route answers with; the directory of a file route.
   std::string text;
   /// Replaces the methods that the kind of route allows.
   std::optional<std::vector<std::string>> methods;
@@ -32,8 +32,10 @@ struct ServeOptions {
   std::optional<double> keepAlive;
   /// 0: one per core.
   size_t threads = 0;
-  /// In the order of the command line.
+  /// In the order of the command line, the one for DIRECTORY last.
   std::vector<RouteOption> routes;
+  /// What stands for a directory in the file routes; without any the library's default holds.
+  std::vector<std::string> indexNames;
   bool debug = false;
   bool quiet = false;
 };

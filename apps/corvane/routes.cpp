@@ -1,4 +1,4 @@
-// Each kind of route is a block route: a handler and the methods that it allows by itself.
+// The routes of the command line: file routes, and block routes with their handlers.
 #include "routes.h"
 
 #include <string>
@@ -6,8 +6,9 @@
 
 #include "corvane/block_route.h"
 #include "corvane/data.h"
+#include "corvane/file_route.h"
 #include "corvane/response.h"
-#include "corvane/version.h"
+#include "corvane/url.h"
 #include "inspect_json.h"
 
 namespace {
@@ -42,7 +43,7 @@ void inspect(VELRoute&, const std::shared_ptr<VELRequest>& request,
                                         "application/json"));
 }
 
-std::shared_ptr<VELBlockRoute> makeRoute(const RouteOption& option) {
+std::shared_ptr<VELBlockRoute> makeBlockRoute(const RouteOption& option) {
   auto route = std::make_shared<VELBlockRoute>(option.path, false);
   switch (option.kind) {
     case RouteOption::Kind::kText:
@@ -56,25 +57,32 @@ std::shared_ptr<VELBlockRoute> makeRoute(const RouteOption& option) {
       route->setHandler(inspect);
       route->setAllowedHTTPMethods({"HEAD", "GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"});
       break;
+    case RouteOption::Kind::kFiles:
+      break;
   }
-  if (option.methods) route->setAllowedHTTPMethods(*option.methods);
   return route;
 }
 
-std::string welcome() {
-  return "Corvane " + std::string(VELVersion()) +
-         " is running.\n"
-         "Give it something to serve, for instance: corvane --text /hello=Hello --inspect "
-         "/inspect\n";
+std::shared_ptr<VELFileRoute> makeFileRoute(const RouteOption& option,
+                                            const std::vector<std::string>& indexNames) {
+  auto route = VELFileRoute::routeWithPath(option.path, VELURL::fileURLWithPath(option.text));
+  if (!indexNames.empty()) route->setDirectoryIndexNames(indexNames);
+  return route;
 }
 
 }  // namespace
 
-std::vector<std::shared_ptr<VELRoute>> makeRoutes(const std::vector<RouteOption>& options) {
+std::vector<std::shared_ptr<VELRoute>> makeRoutes(const ServeOptions& options) {
   std::vector<std::shared_ptr<VELRoute>> routes;
-  for (const RouteOption& option : options) routes.push_back(makeRoute(option));
-  if (routes.empty()) {
-    routes.push_back(makeRoute({RouteOption::Kind::kText, "/", welcome(), std::nullopt}));
+  for (const RouteOption& option : options.routes) {
+    std::shared_ptr<VELRoute> route;
+    if (option.kind == RouteOption::Kind::kFiles) {
+      route = makeFileRoute(option, options.indexNames);
+    } else {
+      route = makeBlockRoute(option);
+    }
+    if (option.methods) route->setAllowedHTTPMethods(*option.methods);
+    routes.push_back(std::move(route));
   }
   return routes;
 }

@@ -7,5 +7,5 @@
 #include "corvane/route.h"
 #include "options.h"
 
-/// The routes in the order of `options`; without any, one that welcomes under "/".
-std::vector<std::shared_ptr<VELRoute>> makeRoutes(const std::vector<RouteOption>& options);
+/// The routes that `options` ask for, in order.
+std::vector<std::shared_ptr<VELRoute>> makeRoutes(const ServeOptions& options);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
@@ -76,7 +77,7 @@ void drain(VELServer& server) {
 std::shared_ptr<VELConfiguration> makeConfiguration(const ServeOptions& options,
                                                     VELCertificateList certificates) {
   auto configuration = std::make_shared<VELConfiguration>();
-  configuration->setRoutes(makeRoutes(options.routes));
+  configuration->setRoutes(makeRoutes(options));
   configuration->setProfile(VELProfile::kClassic);
   configuration->setSSLCertificates(std::move(certificates));
   if (options.keepAlive) configuration->setKeepAliveInterval(*options.keepAlive);
@@ -100,6 +101,14 @@ int serve(const ServeOptions& options) {
   VELSetLogSink([](std::string_view line) { writeLineToStandardError(std::string(line)); });
   if (options.debug) VELSetDebugLogging(true);
 
+  for (const RouteOption& route : options.routes) {
+    std::error_code ignored;
+    if (route.kind != RouteOption::Kind::kFiles ||
+        std::filesystem::is_directory(route.text, ignored)) {
+      continue;
+    }
+    return cannotStart(route.text + " is not a directory");
+  }
   const bool is_secure = !options.certificateFile.empty();
   VELError error;
   VELCertificateList certificates;

@@ -72,21 +72,30 @@ class CORVANE_EXPORT VELStreamResponse : public VELResponse {
   std::shared_ptr<VELInputStream> stream_;
 };
 
-/// A body that a file holds.
-/// Errors:  a file that cannot be opened or read gives no bytes, and nothing is reported.
+/// A body that a file holds. A piece stands for a part of the open file, which goes out without a way
+/// through this program's memory where the system can do that.
+/// Errors:  a file that cannot be opened or read gives no bytes, and nothing is reported. One that becomes
+///          shorter while it is sent gives fewer bytes than were announced.
 class CORVANE_EXPORT VELFileResponse : public VELResponse {
  public:
   VELFileResponse();
   ~VELFileResponse() override;
 
+  /// A response with status 200 for a file that is open for reading, of which `size` bytes are sent. What
+  /// stands at `fileURL` is not looked at; the media type is that of the name.
+  /// Owner:   takes over `descriptor`.
+  static std::shared_ptr<VELFileResponse> responseWithDescriptor(int descriptor, uint64_t size,
+                                                                 VELURL fileURL);
+
   const VELURL& fileURL() const { return file_url_; }
   void setFileURL(VELURL fileURL) { file_url_ = std::move(fileURL); }
 
-  /// Shape:   a copy opens the file anew.
+  /// Shape:   a copy opens the file anew, unless it is open: then both read the same one, each from its own
+  ///          position.
   std::shared_ptr<VELResponse> copy() const override;
   /// Moves the next read, also after the end.
   void setOffset(uint64_t offset) override;
-  /// Opens the file at the first read.
+  /// Opens the file at the first read; what is added to it from then on is not sent.
   VELData readDataOfLength(uint64_t length) override;
   /// True once a read brought less than was asked for: a file whose size is a multiple of the piece
   /// ends with an empty read.
@@ -96,11 +105,12 @@ class CORVANE_EXPORT VELFileResponse : public VELResponse {
 
  private:
   bool openFile();
-  size_t sizeOfNextPiece(uint64_t length) const;
 
   VELURL file_url_;
   // None before the first read.
-  std::unique_ptr<vel::FileDescriptor> file_;
+  std::shared_ptr<const vel::FileDescriptor> file_;
+  // When the file was opened. 0 also for files that the kernel makes up as they are read.
+  uint64_t size_ = 0;
   uint64_t position_ = 0;
   bool at_end_ = false;
 };

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/file_region.h"
+
 VELData::VELData(std::string bytes) {
   auto owner = std::make_shared<const std::string>(std::move(bytes));
   bytes_ = reinterpret_cast<const uint8_t*>(owner->data());
@@ -19,12 +21,13 @@ VELData::VELData(std::vector<uint8_t> bytes) {
 }
 
 VELData::VELData(const VELData& other) {
-  if (other.borrowed_) {
+  if (other.kind_ == Kind::kBorrowed) {
     *this = dataWithBytes(other.bytes_, other.length_);
   } else {
     bytes_ = other.bytes_;
     length_ = other.length_;
     owner_ = other.owner_;
+    kind_ = other.kind_;
   }
 }
 
@@ -32,7 +35,7 @@ VELData::VELData(VELData&& other) noexcept
     : bytes_(std::exchange(other.bytes_, nullptr)),
       length_(std::exchange(other.length_, 0)),
       owner_(std::move(other.owner_)),
-      borrowed_(std::exchange(other.borrowed_, false)) {}
+      kind_(std::exchange(other.kind_, Kind::kOwned)) {}
 
 VELData& VELData::operator=(const VELData& other) {
   if (this != &other) *this = VELData(other);
@@ -43,7 +46,7 @@ VELData& VELData::operator=(VELData&& other) noexcept {
   bytes_ = std::exchange(other.bytes_, nullptr);
   length_ = std::exchange(other.length_, 0);
   owner_ = std::move(other.owner_);
-  borrowed_ = std::exchange(other.borrowed_, false);
+  kind_ = std::exchange(other.kind_, Kind::kOwned);
   return *this;
 }
 
@@ -75,17 +78,22 @@ VELData VELData::dataWithBorrowedBytes(const void* bytes, size_t length) noexcep
   VELData data;
   data.bytes_ = static_cast<const uint8_t*>(bytes);
   data.length_ = length;
-  data.borrowed_ = true;
+  data.kind_ = Kind::kBorrowed;
   return data;
 }
 
 VELData VELData::subdata(size_t location, size_t length) const {
   location = std::min(location, length_);
   length = std::min(length, length_ - location);
+  if (const vel::FileRegion* region = vel::FileRegion::of(*this)) {
+    return region->part(location, length);
+  }
   VELData data;
   data.bytes_ = bytes_ + location;
   data.length_ = length;
   data.owner_ = owner_;
-  data.borrowed_ = borrowed_;
+  data.kind_ = kind_;
   return data;
 }
+
+const uint8_t* VELData::bytesOfRegion() const { return vel::FileRegion::of(*this)->bytes(); }

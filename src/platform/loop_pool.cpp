@@ -70,6 +70,7 @@ void PoolThread::run() {
   blockAllSignals();
   id_.store(gettid());
   ThreadRecord& record = ThreadRecord::current();
+  record.blocks_signals = true;
   do {
     EventLoop* loop = nullptr;
     {

@@ -32,7 +32,7 @@ ptrdiff_t MemorySocket::receiveBytes(void* buffer, size_t capacity) noexcept {
   return end_->receive(buffer, capacity);
 }
 
-ptrdiff_t MemorySocket::sendBytes(const iovec* vectors, int count) noexcept {
+ptrdiff_t MemorySocket::sendBytes(const iovec* vectors, int count, bool /*has_more*/) noexcept {
   return end_->send(vectors, count);
 }
 

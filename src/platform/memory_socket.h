@@ -25,7 +25,7 @@ class MemorySocket final : public StreamSocket {
 
  private:
   ptrdiff_t receiveBytes(void* buffer, size_t capacity) noexcept override;
-  ptrdiff_t sendBytes(const iovec* vectors, int count) noexcept override;
+  ptrdiff_t sendBytes(const iovec* vectors, int count, bool has_more) noexcept override;
   void finishSending() noexcept override { end_->finishSending(); }
   bool watch(EventLoop& loop) noexcept override;
   void stopWatching(EventLoop& loop) noexcept override;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/file_region.h"
+
 namespace vel {
 namespace {
 
@@ -14,9 +16,10 @@ MonotonicTime started(MonotonicTime due, std::chrono::milliseconds timeout, Mono
 }  // namespace
 
 void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
-  const size_t length = data.length();
+  size_t length = data.length();
   const bool in_line = first_item_ < items_.size();
-  if (in_line || length > kSmall || gathered() + length > kGather) {
+  const size_t small = FileRegion::of(data) != nullptr ? kSmallRegion : kSmall;
+  if (in_line || length > small || gathered() + length > kGather) {
     // Copied, not moved: borrowed bytes must not wait here.
     items_.push_back({data, timeout, kNever, tag});
     unsent_ += length;
@@ -24,14 +27,30 @@ void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t t
     return;
   }
   const uint64_t begin = gather_base_ + gather_.size();
-  gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
+  length = gather(data);
   // Counted as soon as it is here, so that memory that runs out leaves what can be sent.
   unsent_ += length;
   if (timeout.count() >= 0) marks_.push_back({begin, begin + length, timeout, kNever});
   done_.push_back(tag);
 }
 
-int Outgoing::vectors(iovec* vectors, int most) const noexcept {
+// Returns how many bytes there were: a file may have become shorter.
+size_t Outgoing::gather(const VELData& data) {
+  const size_t length = data.length();
+  const FileRegion* region = FileRegion::of(data);
+  if (region == nullptr) {
+    gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
+    return length;
+  }
+  const size_t begin = gather_.size();
+  gather_.resize(begin + length);
+  const size_t read = region->read(0, gather_.data() + begin, length);
+  gather_.resize(begin + read);
+  return read;
+}
+
+int Outgoing::vectors(iovec* vectors, int most, RegionRest* region) const noexcept {
+  *region = RegionRest();
   int count = 0;
   if (gathered() > 0) {
     vectors[count].iov_base = const_cast<uint8_t*>(gather_.data() + gather_sent_);
@@ -39,6 +58,11 @@ int Outgoing::vectors(iovec* vectors, int most) const noexcept {
   }
   size_t sent = item_sent_;
   for (size_t i = first_item_; i < items_.size() && count < most; ++i, sent = 0) {
+    if ((region->region = FileRegion::of(items_[i].data)) != nullptr) {
+      region->location = sent;
+      region->length = items_[i].data.length() - sent;
+      break;
+    }
     vectors[count].iov_base = const_cast<uint8_t*>(items_[i].data.bytes() + sent);
     vectors[count++].iov_len = items_[i].data.length() - sent;
   }

@@ -6,7 +6,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "corvane/data.h"
@@ -14,13 +16,24 @@
 
 namespace vel {
 
-/// Small writes are copied into one buffer and count as written at once; larger ones, and all that comes
-/// after them, wait in a line by reference. What counts as written keeps its time-out until the system has
-/// taken it. No I/O here.
+class FileRegion;
+
+/// A part of a file region that is to be sent.
+struct RegionRest {
+  const FileRegion* region = nullptr;
+  size_t location = 0;
+  size_t length = 0;
+};
+
+/// Small writes are copied into one buffer, those of files are read into it, and count as written at once;
+/// larger ones, and all that comes after them, wait in a line by reference. What counts as written keeps
+/// its time-out until the system has taken it.
 class Outgoing {
  public:
   /// A write up to this size is copied.
   static constexpr size_t kSmall = 16 * 1024;
+  /// A write of a file's up to this size is read. Larger ones are sent from the file.
+  static constexpr size_t kSmallRegion = 48 * 1024;
   /// The most that the buffer takes.
   static constexpr size_t kGather = 64 * 1024;
   static constexpr int kMostVectors = 16;
@@ -38,8 +51,9 @@ class Outgoing {
   bool isEmpty() const noexcept { return unsent_ == 0 && told_ == done_.size(); }
   size_t unsent() const noexcept { return unsent_; }
 
-  /// The first bytes to send. Returns the number of vectors used.
-  int vectors(iovec* vectors, int most) const noexcept;
+  /// The first bytes to send that are in memory, and `region`, which follows them, without a region when
+  /// there is none. Returns the number of vectors used.
+  int vectors(iovec* vectors, int most, RegionRest* region) const noexcept;
   /// The system took `length` bytes.
   void didSend(size_t length);
 
@@ -75,9 +89,24 @@ class Outgoing {
     MonotonicTime due;
   };
 
-  size_t gathered() const noexcept { return gather_.size() - gather_sent_; }
+  // Bytes that are about to be overwritten are not set to zero before.
+  template <class T>
+  struct UninitialisedAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+      using other = UninitialisedAllocator<U>;
+    };
+    void construct(T* place) noexcept { ::new (static_cast<void*>(place)) T; }
+    template <class... Arguments>
+    void construct(T* place, Arguments&&... arguments) {
+      ::new (static_cast<void*>(place)) T(std::forward<Arguments>(arguments)...);
+    }
+  };
 
-  std::vector<uint8_t> gather_;
+  size_t gathered() const noexcept { return gather_.size() - gather_sent_; }
+  size_t gather(const VELData& data);
+
+  std::vector<uint8_t, UninitialisedAllocator<uint8_t>> gather_;
   size_t gather_sent_ = 0;
   uint64_t gather_base_ = 0;  // bytes that left the buffer before its present content
   std::vector<Mark> marks_;

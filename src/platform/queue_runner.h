@@ -23,6 +23,8 @@ struct ThreadRecord {
 
   /// The innermost queue that this thread runs.
   QueueFrame* frame = nullptr;
+  /// No signal reaches this thread, SIGPIPE among them.
+  bool blocks_signals = false;
   /// The queue that this thread waits for in `sync`. Guarded by the lock of the slow path.
   VELSerialQueue* waiting_for = nullptr;
 

@@ -69,7 +69,11 @@ class StreamSocket : public VELSocket,
   /// The transport, on the queue. Its bytes come and go as with recv(2) and send(2) on a descriptor that
   /// does not block: -1 with errno set when nothing did.
   virtual ptrdiff_t receiveBytes(void* buffer, size_t capacity) noexcept = 0;
-  virtual ptrdiff_t sendBytes(const iovec* vectors, int count) noexcept = 0;
+  /// `has_more`: what follows is sent at once, so nothing need leave yet.
+  virtual ptrdiff_t sendBytes(const iovec* vectors, int count, bool has_more) noexcept = 0;
+  /// The same with bytes of a file; 0 when the file has none there. As it stands here it sends them from
+  /// memory, and may find none for them.
+  virtual ptrdiff_t sendRegion(const RegionRest& rest);
   /// Ends the sending direction; the other one goes on.
   virtual void finishSending() noexcept = 0;
   /// Has readiness told as an edge-triggered epoll does, the present one first. Errors: false, with errno.
@@ -220,6 +224,7 @@ class StreamSocket : public VELSocket,
 
   // stream_socket_io.cpp
   void flush();
+  bool flushRegion(const RegionRest& region);
   void flushTls();
   void countSentSlices();
   bool encryptAhead();

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/file_region.h"
+#include "platform/queue_runner.h"
 #include "platform/stream_socket.h"
 #include "platform/workspace.h"
 
@@ -44,10 +46,15 @@ void StreamSocket::flush() {
   if (tls_) return flushTls();
   while (outgoing_ && !outgoing_->isSent() && is_writable_) {
     iovec vectors[Outgoing::kMostVectors];
-    const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors);
+    RegionRest region;
+    const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors, &region);
+    if (count == 0) {
+      if (!flushRegion(region)) return;
+      continue;
+    }
     size_t offered = 0;
     for (int i = 0; i < count; ++i) offered += vectors[i].iov_len;
-    const ptrdiff_t sent = sendBytes(vectors, count);
+    const ptrdiff_t sent = sendBytes(vectors, count, region.region != nullptr);
     if (sent < 0) return gotWriteError(errno);
     outgoing_->didSend(static_cast<size_t>(sent));
     // A part means that the system's buffer is full: it will tell when there is room.
@@ -55,12 +62,32 @@ void StreamSocket::flush() {
   }
 }
 
+// False when nothing can be sent for now.
+bool StreamSocket::flushRegion(const RegionRest& region) {
+  const ptrdiff_t sent = sendRegion(region);
+  if (sent < 0) {
+    gotWriteError(errno);
+    return false;
+  }
+  // A file that has become shorter ends here; what was announced counts as sent. A part says nothing of the
+  // system's buffer: the next call tells whether it is full or the file ends.
+  outgoing_->didSend(sent == 0 ? region.length : static_cast<size_t>(sent));
+  return true;
+}
+
+ptrdiff_t StreamSocket::sendRegion(const RegionRest& rest) {
+  std::vector<uint8_t>& buffer = ThreadRecord::current().workspace().fileBytes();
+  const iovec vector{buffer.data(), rest.region->read(rest.location, buffer.data(),
+                                                      std::min(rest.length, buffer.size()))};
+  return vector.iov_len == 0 ? 0 : sendBytes(&vector, 1, false);
+}
+
 void StreamSocket::flushTls() {
   Tls& tls = *tls_;
   while (is_writable_) {
     if (tls.output_sent < tls.output.size()) {
       const iovec vector{tls.output.data() + tls.output_sent, tls.output.size() - tls.output_sent};
-      const ptrdiff_t sent = sendBytes(&vector, 1);
+      const ptrdiff_t sent = sendBytes(&vector, 1, false);
       if (sent < 0) return gotWriteError(errno);
       tls.output_sent += static_cast<size_t>(sent);
       countSentSlices();
@@ -92,11 +119,8 @@ void StreamSocket::countSentSlices() {
 // Encrypts the next part of what is to be sent, a record at a time; false when that fails.
 bool StreamSocket::encryptAhead() {
   Tls& tls = *tls_;
-  iovec vectors[Outgoing::kMostVectors];
-  const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors);
   size_t encrypted = 0;
-  for (int i = 0; i < count; ++i) {
-    std::string_view plain(static_cast<const char*>(vectors[i].iov_base), vectors[i].iov_len);
+  const auto encrypt = [&](std::string_view plain) {
     while (!plain.empty() && encrypted < kEncryptAhead) {
       const size_t length = std::min(plain.size(), kRecord);
       if (tls.session->write(plain.substr(0, length), &tls.output) != TlsSession::Status::kOk) {
@@ -106,7 +130,21 @@ bool StreamSocket::encryptAhead() {
       encrypted += length;
       plain.remove_prefix(length);
     }
+    return true;
+  };
+  iovec vectors[Outgoing::kMostVectors];
+  RegionRest region;
+  const int count = outgoing_->vectors(vectors, Outgoing::kMostVectors, &region);
+  for (int i = 0; i < count; ++i) {
+    if (!encrypt({static_cast<const char*>(vectors[i].iov_base), vectors[i].iov_len})) return false;
   }
+  if (region.region == nullptr || encrypted >= kEncryptAhead) return true;
+  std::vector<uint8_t>& buffer = ThreadRecord::current().workspace().fileBytes();
+  const size_t read =
+      region.region->read(region.location, buffer.data(), std::min(region.length, buffer.size()));
+  if (read > 0) return encrypt({reinterpret_cast<const char*>(buffer.data()), read});
+  // As above: the file ends too early.
+  if (encrypted == 0) outgoing_->didSend(region.length);
   return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #ifdef __linux__
+#include <sys/sendfile.h>
 #include <sys/syscall.h>
 #endif
 #include <unistd.h>
@@ -11,7 +12,9 @@
 #include <utility>
 
 #include "platform/connector.h"
+#include "platform/file_region.h"
 #include "platform/listener.h"
+#include "platform/queue_runner.h"
 #include "platform/socket_address.h"
 
 namespace vel {
@@ -27,12 +30,19 @@ ptrdiff_t receiveFrom(int fd, void* buffer, size_t capacity) noexcept {
 #endif
 }
 
-ptrdiff_t sendTo(int fd, const void* bytes, size_t length) noexcept {
+ptrdiff_t sendTo(int fd, const void* bytes, size_t length, int flags) noexcept {
 #ifdef __linux__
-  return ::syscall(SYS_sendto, fd, bytes, length, MSG_NOSIGNAL, nullptr, 0);
+  return ::syscall(SYS_sendto, fd, bytes, length, flags, nullptr, 0);
 #else
-  return ::send(fd, bytes, length, MSG_NOSIGNAL);
+  return ::send(fd, bytes, length, flags);
 #endif
+}
+
+int sendFlags(bool has_more) noexcept {
+#ifdef MSG_MORE
+  if (has_more) return MSG_NOSIGNAL | MSG_MORE;
+#endif
+  return MSG_NOSIGNAL;
 }
 
 }  // namespace
@@ -154,19 +164,39 @@ ptrdiff_t TcpSocket::receiveBytes(void* buffer, size_t capacity) noexcept {
   return got;
 }
 
-ptrdiff_t TcpSocket::sendBytes(const iovec* vectors, int count) noexcept {
+ptrdiff_t TcpSocket::sendBytes(const iovec* vectors, int count, bool has_more) noexcept {
+  const int flags = sendFlags(has_more);
   ptrdiff_t sent = 0;
   do {
     if (count == 1) {
-      sent = sendTo(fd_.load(std::memory_order_relaxed), vectors[0].iov_base, vectors[0].iov_len);
+      sent = sendTo(fd_.load(std::memory_order_relaxed), vectors[0].iov_base, vectors[0].iov_len,
+                    flags);
     } else {
       msghdr message{};
       message.msg_iov = const_cast<iovec*>(vectors);
       message.msg_iovlen = static_cast<size_t>(count);
-      sent = ::sendmsg(fd_, &message, MSG_NOSIGNAL);
+      sent = ::sendmsg(fd_, &message, flags);
     }
   } while (sent < 0 && errno == EINTR);
   return sent;
+}
+
+ptrdiff_t TcpSocket::sendRegion(const RegionRest& rest) {
+#ifdef __linux__
+  // sendfile(2) cannot be told to spare the process SIGPIPE: it is for threads that have it blocked.
+  if (ThreadRecord::current().blocks_signals) {
+    auto position = static_cast<off_t>(rest.region->offset() + rest.location);
+    ptrdiff_t sent = 0;
+    do {
+      sent = ::sendfile(fd_.load(std::memory_order_relaxed), rest.region->file().get(), &position,
+                        rest.length);
+    } while (sent < 0 && errno == EINTR);
+    // A file that cannot be read has no bytes; one that cannot be sent like this can still be read.
+    if (sent < 0 && errno == EIO) return 0;
+    if (sent >= 0 || (errno != EINVAL && errno != ENOSYS && errno != EOVERFLOW)) return sent;
+  }
+#endif
+  return StreamSocket::sendRegion(rest);
 }
 
 void TcpSocket::finishSending() noexcept { ::shutdown(fd_, SHUT_WR); }

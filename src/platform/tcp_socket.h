@@ -35,7 +35,8 @@ class TcpSocket final : public StreamSocket {
   std::shared_ptr<TcpSocket> self();
 
   ptrdiff_t receiveBytes(void* buffer, size_t capacity) noexcept override;
-  ptrdiff_t sendBytes(const iovec* vectors, int count) noexcept override;
+  ptrdiff_t sendBytes(const iovec* vectors, int count, bool has_more) noexcept override;
+  ptrdiff_t sendRegion(const RegionRest& rest) override;
   void finishSending() noexcept override;
   bool watch(EventLoop& loop) noexcept override;
   void stopWatching(EventLoop& loop) noexcept override;

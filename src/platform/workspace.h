@@ -15,6 +15,7 @@ class Workspace {
   static constexpr size_t kReceive = 64 * 1024;
   /// The same while a head is read.
   static constexpr size_t kReceiveForHeads = 16 * 1024;
+  static constexpr size_t kFileBytes = 64 * 1024;
   /// The largest piece that is kept for the next body.
   static constexpr size_t kMostKept = 1024 * 1024;
 
@@ -27,6 +28,12 @@ class Workspace {
   std::vector<uint8_t>& ciphertext() {
     if (ciphertext_.empty()) ciphertext_.resize(kReceive + 1024);
     return ciphertext_;
+  }
+
+  /// Bytes of files that cannot be sent from where they are.
+  std::vector<uint8_t>& fileBytes() {
+    if (file_bytes_.empty()) file_bytes_.resize(kFileBytes);
+    return file_bytes_;
   }
 
   std::unique_ptr<Outgoing> takeOutgoing() {
@@ -54,6 +61,7 @@ class Workspace {
  private:
   std::vector<uint8_t> input_;
   std::vector<uint8_t> ciphertext_;
+  std::vector<uint8_t> file_bytes_;
   std::unique_ptr<Outgoing> spare_outgoing_;
   std::unique_ptr<uint8_t[]> piece_;
   size_t piece_length_ = 0;

@@ -1,13 +1,22 @@
-// VELFileResponse: a body that is read out of a file, piece by piece.
+// VELFileResponse: a body that is sent out of a file, piece by piece.
 #include <algorithm>
 
 #include "corvane/responses.h"
 #include "platform/file.h"
+#include "platform/file_region.h"
 
 namespace {
 
 // How much is read at most where the size of the file does not tell.
 constexpr uint64_t kLargestRead = 524'288;
+
+VELData readPiece(const vel::FileDescriptor& file, uint64_t position, uint64_t length) {
+  const auto capacity = static_cast<size_t>(std::min(length, kLargestRead));
+  const auto storage = std::make_shared_for_overwrite<uint8_t[]>(capacity);
+  const ptrdiff_t count = vel::readAt(file, storage.get(), capacity, position);
+  if (count <= 0) return {};
+  return VELData::dataWithOwner(storage, storage.get(), static_cast<size_t>(count));
+}
 
 }  // namespace
 
@@ -18,6 +27,9 @@ std::shared_ptr<VELResponse> VELFileResponse::copy() const {
   auto copy = std::make_shared<VELFileResponse>();
   copyPropertiesTo(*copy);
   copy->file_url_ = file_url_;
+  copy->file_ = file_;
+  copy->size_ = size_;
+  copy->position_ = offset();
   return copy;
 }
 
@@ -28,19 +40,18 @@ void VELFileResponse::setOffset(uint64_t offset) {
 }
 
 VELData VELFileResponse::readDataOfLength(uint64_t length) {
-  size_t count = 0;
   VELData piece;
   if (openFile()) {
-    const size_t capacity = sizeOfNextPiece(length);
-    const auto storage = std::make_shared_for_overwrite<uint8_t[]>(capacity);
-    const ptrdiff_t result = vel::readAt(*file_, storage.get(), capacity, position_);
-    if (result > 0) {
-      count = static_cast<size_t>(result);
-      piece = VELData::dataWithOwner(storage, storage.get(), count);
+    if (size_ == 0) {
+      piece = readPiece(*file_, position_, length);
+    } else {
+      const uint64_t rest = size_ - std::min(size_, position_);
+      piece = vel::FileRegion::dataWithRegion(file_, position_,
+                                              static_cast<size_t>(std::min(length, rest)));
     }
   }
-  position_ += count;
-  if (count < length) at_end_ = true;
+  position_ += piece.length();
+  if (piece.length() < length) at_end_ = true;
   return piece;
 }
 
@@ -52,15 +63,8 @@ bool VELFileResponse::openFile() {
   if (file_) return true;
   vel::FileDescriptor file = vel::openForReading(file_url_.filePath());
   if (!file) return false;
-  file_ = std::make_unique<vel::FileDescriptor>(std::move(file));
+  size_ = vel::fileSize(file).value_or(0);
+  file_ = std::make_shared<const vel::FileDescriptor>(std::move(file));
   position_ = offset();
   return true;
-}
-
-/// How many bytes to ask for, so that the last piece of a file does not allocate a whole one.
-size_t VELFileResponse::sizeOfNextPiece(uint64_t length) const {
-  // Files that the kernel makes up say that they are empty.
-  const uint64_t size = vel::fileSize(*file_).value_or(0);
-  if (size == 0) return static_cast<size_t>(std::min(length, kLargestRead));
-  return static_cast<size_t>(std::min(length, size - std::min(size, position_)));
 }

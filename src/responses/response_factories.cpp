@@ -25,6 +25,7 @@ std::string decimalText(uint64_t number) {
 /// before those of the system, which differ from one to the next.
 std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists) {
   const std::string extension = fileURL.pathExtension();
+  if (extension.empty()) return std::nullopt;
   std::optional<std::string_view> type;
   if (exists) type = vel::contentTypeForFileExtension(vel::lowercased(extension));
   if (exists && !type) type = vel::MediaTypes::system().typeForExtension(extension);
@@ -67,6 +68,21 @@ std::shared_ptr<VELResponse> VELResponse::responseWithFileURL(
   if (size) response->setContentLength(*size);
   if (!contentType) contentType = contentTypeOfFile(fileURL, size.has_value());
   if (contentType) response->setContentType(std::move(contentType));
+  return response;
+}
+
+std::shared_ptr<VELFileResponse> VELFileResponse::responseWithDescriptor(int descriptor,
+                                                                         uint64_t size,
+                                                                         VELURL fileURL) {
+  vel::FileDescriptor file(descriptor);
+  const std::shared_ptr<VELFileResponse> response = vel::makeRecycled<VELFileResponse>();
+  response->file_ = vel::makeRecycled<const vel::FileDescriptor>(std::move(file));
+  response->size_ = size;
+  response->setStatus(200);
+  response->setContentLength(size);
+  std::optional<std::string> contentType = contentTypeOfFile(fileURL, true);
+  if (contentType) response->setContentType(std::move(contentType));
+  response->file_url_ = std::move(fileURL);
   return response;
 }
 

@@ -2,9 +2,10 @@
 """Runs one example: starts it on a free port, sends requests with curl, checks the answers and ends it
 with SIGTERM, after which it has to exit with 0.
 
-    run_example.py hello|upload EXECUTABLE
+    run_example.py files|hello|upload EXECUTABLE
 """
 
+import os
 import re
 import signal
 import subprocess
@@ -26,6 +27,13 @@ def expect(actual, wanted):
         raise SystemExit(f"got {actual!r}, wanted {wanted!r}")
 
 
+def files(base):
+    expect(curl(base + "page.html"), (200, "page\n"))
+    expect(curl(base + "page.html", "-r", "1-2"), (206, "ag"))
+    for hidden in (".git/config", "page/../.git", ".profile"):
+        expect(curl(base + hidden, "--path-as-is")[0], 404)
+
+
 def hello(base):
     expect(curl(base + "there?x=1"), (200, "Hello from /there\n"))
     expect(curl(base, "-X", "DELETE")[0], 405)
@@ -44,8 +52,18 @@ def upload(base):
 
 def main():
     name, executable = sys.argv[1:]
-    check = {"hello": hello, "upload": upload}[name]
-    with subprocess.Popen([executable, "0"], stdout=subprocess.PIPE, text=True) as process:
+    check = {"files": files, "hello": hello, "upload": upload}[name]
+    with tempfile.TemporaryDirectory() as directory:
+        os.makedirs(os.path.join(directory, ".git"))
+        os.makedirs(os.path.join(directory, "page"))
+        for file, text in (("page.html", "page\n"), (".git/config", "x"), (".profile", "x")):
+            with open(os.path.join(directory, file), "w", encoding="ascii") as content:
+                content.write(text)
+        run(check, [executable, "0", directory])
+
+
+def run(check, command):
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as process:
         try:
             line = process.stdout.readline()
             address = re.fullmatch(r"Listening on (http://localhost:\d+/)\n", line)

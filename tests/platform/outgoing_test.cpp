@@ -16,7 +16,8 @@ using std::chrono::milliseconds;
 // Takes up to `most` bytes, as the system would.
 std::string take(Outgoing& outgoing, size_t most) {
   iovec vectors[4];
-  const int count = outgoing.vectors(vectors, 4);
+  RegionRest region;
+  const int count = outgoing.vectors(vectors, 4, &region);
   std::string taken;
   for (int i = 0; i < count; ++i) {
     const size_t length = std::min(vectors[i].iov_len, most - taken.size());

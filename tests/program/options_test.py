@@ -35,14 +35,14 @@ class WrongOptions(unittest.TestCase):
         (["--text", "/a=b", "--methods", "/a=GET POST"], "method names"),
         (["--profile", "modern"], "modern"),
         (["--profile", "standard"], "not available yet"),
-        (["--files", "/=."], "--files is not available yet"),
-        (["--index", "a.html"], "--index is not available yet"),
+        (["--files", "/"], "--files"),
+        (["--files", "/="], "a DIRECTORY is needed"),
+        (["--index", "a.html,"], "file names"),
+        (["--index", "a/b.html"], "file names"),
         (["--proxy", "/=http://a"], "--proxy is not available yet"),
         (["--echo", "/"], "--echo is not available yet"),
         (["--auth", "/=a:b"], "--auth is not available yet"),
         (["--realm", "r"], "--realm is not available yet"),
-        (["."], "DIRECTORY is not available yet"),
-        (["serve", "."], "DIRECTORY is not available yet"),
         (["connect", "ws://localhost/"], "connect is not available yet"),
     ]
 
@@ -70,6 +70,11 @@ class ServersThatCannotStart(unittest.TestCase):
     def test_no_such_interface(self):
         self.assertIn("192.0.2.1", self.refused("--listen", "192.0.2.1:0"))
         self.refused("--listen", "no-such-interface:0")
+
+    def test_directory_that_is_none(self):
+        for arguments in (["/no/such"], [__file__], ["serve", "--files", "/=/no/such"]):
+            with self.subTest(arguments=arguments):
+                self.assertIn("is not a directory", self.refused(*arguments))
 
     def test_certificate_that_is_none(self):
         with tempfile.TemporaryDirectory() as directory:

@@ -25,13 +25,14 @@ class Program:
     """A running server; a context manager that ends it. `errors` takes the place of the pipe that
     standard error is read from."""
 
-    def __init__(self, *arguments, listen="127.0.0.1:0", descriptors=None, errors=None):
+    def __init__(self, *arguments, listen="127.0.0.1:0", descriptors=None, errors=None,
+                 cwd=None):
         def limit():
             resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
 
         self._process = subprocess.Popen(
             [EXECUTABLE, "--listen", listen, *arguments], stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE, stderr=errors or subprocess.PIPE,
+            stdout=subprocess.PIPE, stderr=errors or subprocess.PIPE, cwd=cwd,
             preexec_fn=limit if descriptors else None)
         self._lines = []
         self._has_more = threading.Condition()

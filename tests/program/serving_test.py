@@ -17,13 +17,6 @@ ACCESS_LINE = re.compile(
 
 
 class Routes(unittest.TestCase):
-    def test_welcome_without_any(self):
-        with Program() as server:
-            status, fields, body = server.get("/")
-            self.assertEqual(status, 200)
-            self.assertEqual(fields["content-type"], "text/plain; charset=utf-8")
-            self.assertIn(b"Corvane", body)
-
     def test_are_tried_in_the_order_of_the_command_line(self):
         with Program("--text", "/a/b=inner", "--inspect", "/a", "--text", "/a/c=never",
                      "--reflect", "/b", "--text", "/=Ünder = /") as server:
@@ -55,6 +48,51 @@ class Routes(unittest.TestCase):
                     self.assertEqual(fields["content-type"], "application/octet-stream")
                     self.assertEqual(hashlib.sha256(reflected).digest(),
                                      hashlib.sha256(body).digest())
+
+
+class Files(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = directory.name
+        self.file("index.html", b"<p>home</p>")
+        self.file("docs/start.htm", b"<p>docs</p>")
+        self.file("docs/photo.JPG", bytes(range(256)) * 4)
+        self.file("docs/a b\u00e4.txt", b"text")
+
+    def file(self, name, content):
+        path = os.path.join(self.root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            file.write(content)
+
+    def test_directory(self):
+        with Program(self.root) as server:
+            status, fields, body = server.get("/")
+            self.assertEqual((status, body), (200, b"<p>home</p>"))
+            self.assertEqual(fields["content-type"], "text/html")
+            self.assertEqual(server.get("/docs")[0], 403)
+            self.assertEqual(server.get("/nothing")[0], 404)
+            self.assertEqual(server.get("/docs/a%20b%C3%A4.txt")[2], b"text")
+            self.assertEqual(server.get("/..%2f..%2fetc/passwd")[0], 404)
+
+    def test_current_directory_is_the_default(self):
+        with Program(cwd=self.root) as server:
+            self.assertEqual(server.get("/")[2], b"<p>home</p>")
+
+    def test_under_a_path_with_index_names_and_a_directory_behind_it(self):
+        with Program("--files", "/d/=" + os.path.join(self.root, "docs"), "--index",
+                     "none.html,start.htm", self.root) as server:
+            for path in ("/d", "/d/", "/docs"):
+                self.assertEqual(server.get(path)[2], b"<p>docs</p>", path)
+            self.assertEqual(server.get("/")[0], 403)
+
+    def test_parts(self):
+        with Program(self.root) as server:
+            status, fields, body = server.get("/docs/photo.JPG", fields="Range: bytes=256-511\r\n")
+            self.assertEqual((status, body), (206, bytes(range(256))))
+            self.assertEqual(fields["content-type"], "image/jpeg")
+            self.assertEqual(fields["content-range"], "bytes 256-511/1024")
 
 
 class Inspection(unittest.TestCase):

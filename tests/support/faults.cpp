@@ -60,13 +60,19 @@ extern "C" {
 long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
 long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
   const bool fails = (number == SYS_recvfrom && strikes(Fault::kReceive)) ||
-                     (number == SYS_sendto && strikes(Fault::kSend));
+                     (number == SYS_sendto && strikes(Fault::kSend)) ||
+                     (number == SYS_openat2 && strikes(Fault::kOpen));
   return fails ? -1 : __real_syscall(number, a, b, c, d, e, f);
 }
 
 ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
   return strikes(Fault::kSend) ? -1 : __real_sendmsg(fd, message, flags);
+}
+
+ssize_t __real_sendfile(int to, int from, off_t* position, size_t length);
+ssize_t __wrap_sendfile(int to, int from, off_t* position, size_t length) {
+  return strikes(Fault::kSend) ? -1 : __real_sendfile(to, from, position, length);
 }
 
 int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);

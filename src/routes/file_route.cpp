@@ -1,0 +1,193 @@
+// VELFileRoute: which file a request means, and whether it gets it. How a file is found without leaving the
+// root is the file tree's, how it is sent the response's and the connection's.
+#include "corvane/file_route.h"
+
+#include <typeinfo>
+#include <utility>
+
+#include "corvane/responses.h"
+#include "platform/file_tree.h"
+
+struct VELFileRoute::Tree {
+  explicit Tree(VELURL url) : root_url(std::move(url)), files(root_url.filePath()) {}
+
+  const VELURL root_url;
+  const vel::FileTree files;
+};
+
+// What was found, and where: relative to the root, and in full.
+struct VELFileRoute::Target {
+  std::string path;
+  VELURL url;
+  vel::FoundFile file;
+};
+
+namespace {
+
+constexpr std::string_view kDefaultIndexName = "index.html";
+
+/// The part of the path that names a file: what follows the match, without the slash between the two.
+std::string fileNameIn(const VELRequest& request) {
+  std::string path = request.path();
+  if (const std::optional<VELTextCheckingResult> match = request.textCheckingResult()) {
+    const VELTextRange range = match->range();
+    // Elsewhere than at the front it is a mere condition, unless the path begins with the same text.
+    const std::string matched =
+        range.location < path.size() ? path.substr(range.location, range.length) : "";
+    if (path.starts_with(matched)) path.erase(0, matched.size());
+  }
+  if (path.starts_with('/')) path.erase(0, 1);
+  return path;
+}
+
+/// `filePath` as a path relative to `root`; none when it is not below it.
+std::optional<std::string> pathBelow(const std::string& root, std::string filePath) {
+  if (filePath == root) return std::string();
+  std::string prefix = root;
+  if (!prefix.ends_with('/')) prefix += '/';
+  if (!filePath.starts_with(prefix)) return std::nullopt;
+  return filePath.substr(prefix.size());
+}
+
+VELURL locationOf(const VELURL& root, const std::string& path) {
+  return path.empty() ? root : root.URLByAppendingPathComponent(path);
+}
+
+std::shared_ptr<VELResponse> responseWithFile(vel::FileDescriptor file, uint64_t size, VELURL url) {
+  return VELFileResponse::responseWithDescriptor(file.release(), size, std::move(url));
+}
+
+}  // namespace
+
+VELFileRouteDelegate::~VELFileRouteDelegate() = default;
+
+void VELFileRouteDelegate::fileRouteDecideResponseForFileAtURL(
+    VELFileRoute& /*fileRoute*/, const VELURL& /*fileURL*/, std::shared_ptr<VELRequest> /*request*/,
+    std::shared_ptr<VELResponse> suggestedResponse, VELResponseHandler responseHandler) {
+  responseHandler(std::move(suggestedResponse));
+}
+
+std::shared_ptr<VELFileRoute> VELFileRoute::routeWithPath(std::string_view path,
+                                                          const VELURL& rootURL) {
+  const bool caseSensitive = vel::hasCaseSensitiveNames(rootURL.filePath()).value_or(false);
+  auto route = std::make_shared<VELFileRoute>(path, !caseSensitive);
+  route->setRootURL(rootURL);
+  return route;
+}
+
+VELFileRoute::~VELFileRoute() = default;
+
+void VELFileRoute::evaluateWithRequest(std::shared_ptr<VELRequest> request,
+                                       VELResponseHandler responseHandler) {
+  const std::string method = request->method();
+  if (method != "GET" && method != "HEAD") {
+    return responseHandler(std::make_shared<VELMethodNotSupportedResponse>());
+  }
+  const std::shared_ptr<const Tree> served = tree();
+  if (!served) return responseHandler(std::make_shared<VELNotFoundResponse>());
+  std::string path = fileNameIn(*request);
+  std::optional<vel::FoundFile> file = served->files.find(path);
+  if (!file || !file->is_readable) {
+    return responseHandler(std::make_shared<VELNotFoundResponse>());
+  }
+  VELURL url = locationOf(served->root_url, path);
+  // Who has replaced the decision gets to know the location only; the rest looks no second time.
+  if (typeid(*this) != typeid(VELFileRoute)) {
+    return decideResponseForFileAtURL(url, std::move(request), std::move(responseHandler));
+  }
+  decide(*served, {std::move(path), std::move(url), std::move(*file)}, std::move(request),
+         std::move(responseHandler));
+}
+
+void VELFileRoute::decideResponseForFileAtURL(const VELURL& fileURL,
+                                              std::shared_ptr<VELRequest> request,
+                                              VELResponseHandler responseHandler) {
+  const std::shared_ptr<const Tree> served = tree();
+  std::optional<std::string> path;
+  std::optional<vel::FoundFile> file;
+  if (served) path = pathBelow(served->root_url.filePath(), fileURL.filePath());
+  if (path) file = served->files.find(*path);
+  if (!file) return responseHandler(std::make_shared<VELNotFoundResponse>());
+  decide(*served, {std::move(*path), fileURL, std::move(*file)}, std::move(request),
+         std::move(responseHandler));
+}
+
+void VELFileRoute::decide(const Tree& tree, Target target, std::shared_ptr<VELRequest> request,
+                          VELResponseHandler responseHandler) {
+  std::shared_ptr<VELResponse> suggestion = suggestionFor(tree, &target);
+  if ((target.file.mode & allowed_permissions_) == 0) {
+    suggestion = std::make_shared<VELForbiddenResponse>();
+  }
+  if (const std::shared_ptr<VELFileRouteDelegate> reviewer = delegate()) {
+    return reviewer->fileRouteDecideResponseForFileAtURL(
+        *this, target.url, std::move(request), std::move(suggestion), std::move(responseHandler));
+  }
+  responseHandler(std::move(suggestion));
+}
+
+// Goes on from a directory to its index file.
+std::shared_ptr<VELResponse> VELFileRoute::suggestionFor(const Tree& tree, Target* target) const {
+  vel::FoundFile& file = target->file;
+  switch (file.kind) {
+    case vel::FoundFile::Kind::kRegular:
+      return responseWithFile(std::move(file.file), file.size, target->url);
+    case vel::FoundFile::Kind::kOther:
+      return std::make_shared<VELNotFoundResponse>();
+    case vel::FoundFile::Kind::kDirectory:
+      break;
+  }
+  for (const std::string& name : directoryIndexNames()) {
+    std::string path = target->path.empty() ? name : target->path + "/" + name;
+    std::optional<vel::FoundFile> index = tree.files.find(path);
+    if (!index || !index->is_readable) continue;
+    *target = {std::move(path), target->url.URLByAppendingPathComponent(name), std::move(*index)};
+    // An index that is no file is one without bytes.
+    const bool hasBytes = file.kind == vel::FoundFile::Kind::kRegular;
+    return responseWithFile(std::move(file.file), hasBytes ? file.size : 0, target->url);
+  }
+  return std::make_shared<VELForbiddenResponse>();
+}
+
+std::shared_ptr<const VELFileRoute::Tree> VELFileRoute::tree() const {
+  const std::lock_guard lock(mutex_);
+  return tree_;
+}
+
+std::optional<VELURL> VELFileRoute::rootURL() const {
+  const std::shared_ptr<const Tree> served = tree();
+  if (!served) return std::nullopt;
+  return served->root_url;
+}
+
+void VELFileRoute::setRootURL(std::optional<VELURL> rootURL) {
+  std::shared_ptr<const Tree> served;
+  if (rootURL) served = std::make_shared<const Tree>(std::move(*rootURL));
+  // What was there before goes away after the lock.
+  const std::lock_guard lock(mutex_);
+  tree_.swap(served);
+}
+
+std::vector<std::string> VELFileRoute::directoryIndexNames() const {
+  IndexNames names;
+  {
+    const std::lock_guard lock(mutex_);
+    names = index_names_;
+  }
+  return names ? *names : std::vector<std::string>{std::string(kDefaultIndexName)};
+}
+
+void VELFileRoute::setDirectoryIndexNames(std::vector<std::string> directoryIndexNames) {
+  auto names = std::make_shared<const std::vector<std::string>>(std::move(directoryIndexNames));
+  const std::lock_guard lock(mutex_);
+  index_names_.swap(names);
+}
+
+std::shared_ptr<VELFileRouteDelegate> VELFileRoute::delegate() const {
+  const std::lock_guard lock(mutex_);
+  return delegate_.lock();
+}
+
+void VELFileRoute::setDelegate(std::weak_ptr<VELFileRouteDelegate> delegate) {
+  const std::lock_guard lock(mutex_);
+  delegate_.swap(delegate);
+}
