@@ -1,0 +1,156 @@
+// The root's descriptor and what is told of a file. file_tree_walk.h follows the paths.
+#include "platform/file_tree.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <utility>
+
+#include "platform/file_tree_walk.h"
+#include "platform/log.h"
+
+namespace vel {
+
+struct FileTree::Root {
+  // While it is open, no other directory can get the same number.
+  FileDescriptor directory;
+  dev_t device;
+  ino_t inode;
+};
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr MonotonicTime kExaminationInterval = std::chrono::nanoseconds(100ms).count();
+// Looks at a path that another process keeps changing.
+constexpr int kMostLooks = 8;
+
+bool isSame(const struct stat& a, const struct stat& b) noexcept {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+/// Whether the error says that something else stands at a path where a regular file was.
+bool tellsOfChange(int error) noexcept {
+  return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV ||
+         error == ENXIO || error == ESTALE;
+}
+
+bool isShortage(int error) noexcept {
+  return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+void logShortage(int error) {
+  // Clients choose how many files are looked for, so one line a second has to be enough.
+  static std::atomic<int64_t> lastLogged{-1};
+  const int64_t now = coarseNow() / 1'000'000'000;
+  if (lastLogged.exchange(now, std::memory_order_relaxed) == now) return;
+  logLine(posixError(error, "look for a file").localizedDescription() + " " +
+          posixError(error, "").localizedFailureReason());
+}
+
+void describe(const struct stat& status, FoundFile* found) noexcept {
+  found->kind = S_ISREG(status.st_mode)   ? FoundFile::Kind::kRegular
+                : S_ISDIR(status.st_mode) ? FoundFile::Kind::kDirectory
+                                          : FoundFile::Kind::kOther;
+  found->mode = status.st_mode & 07777;
+  found->size = static_cast<uint64_t>(status.st_size);
+}
+
+}  // namespace
+
+FileTree::FileTree(std::string root, Way way)
+    : path_(std::move(root)), uses_kernel_(way == Way::kBest && kernelKeepsBelow()) {}
+
+FileTree::~FileTree() = default;
+
+std::optional<FoundFile> FileTree::find(std::string_view path) const {
+  std::array<char, PATH_MAX> text;
+  path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+  if (path.empty()) path = ".";
+  if (path.size() >= text.size() || path.find('\0') != std::string_view::npos) return std::nullopt;
+  *std::copy(path.begin(), path.end(), text.begin()) = '\0';
+
+  const std::shared_ptr<const Root> root = currentRoot();
+  if (root == nullptr) return std::nullopt;
+  std::optional<FoundFile> found = findBelow(*root, text.data());
+  if (found) return found;
+  // Perhaps it is in another directory that has taken the place of the root.
+  const std::shared_ptr<const Root> next = examineRoot(root);
+  if (next == nullptr || next == root) return std::nullopt;
+  return findBelow(*next, text.data());
+}
+
+std::shared_ptr<const FileTree::Root> FileTree::currentRoot() const {
+  std::shared_ptr<const Root> known;
+  {
+    const std::lock_guard lock(mutex_);
+    const MonotonicTime now = coarseNow();
+    if (root_ != nullptr && now - examined_at_ <= kExaminationInterval) return root_;
+    // Others need not examine it meanwhile.
+    examined_at_ = now;
+    known = root_;
+  }
+  return examineRoot(std::move(known));
+}
+
+std::shared_ptr<const FileTree::Root> FileTree::examineRoot(
+    std::shared_ptr<const Root> known) const {
+  const MonotonicTime now = coarseNow();
+  struct stat status;
+  const bool isThere = path_.find('\0') == std::string::npos && ::stat(path_.c_str(), &status) == 0;
+  if (!isThere) {
+    known = nullptr;
+  } else if (known == nullptr || known->device != status.st_dev || known->inode != status.st_ino) {
+    known = nullptr;
+    Opened opened = openRoot(path_.c_str());
+    if (isShortage(opened.error)) logShortage(opened.error);
+    if (opened.file && ::fstat(opened.file.get(), &status) == 0) {
+      known = std::make_shared<Root>(Root{std::move(opened.file), status.st_dev, status.st_ino});
+    }
+  }
+  const std::lock_guard lock(mutex_);
+  root_ = known;
+  examined_at_ = now;
+  return known;
+}
+
+std::optional<FoundFile> FileTree::findBelow(const Root& root, const char* path) const {
+  const auto open = uses_kernel_ ? openBelow : walkBelow;
+  for (int looks = 0; looks < kMostLooks; ++looks) {
+    Opened named = open(root.directory, path, Access::kLook);
+    if (isShortage(named.error)) logShortage(named.error);
+    if (named.error == ESTALE) continue;
+    struct stat status;
+    if (!named.file || ::fstat(named.file.get(), &status) != 0) return std::nullopt;
+    FoundFile found;
+    describe(status, &found);
+    found.file = std::move(named.file);
+    if (found.kind != FoundFile::Kind::kRegular) {
+      found.is_readable = uses_kernel_ ? mayRead(found.file, status) : permitsReading(status);
+      return found;
+    }
+    // Following the path a second time is quicker than opening the descriptor by its name in /proc,
+    // and needs no /proc. Only the same file will do.
+    Opened opened = open(root.directory, path, Access::kRead);
+    if (isShortage(opened.error)) {
+      logShortage(opened.error);
+      return std::nullopt;
+    }
+    if (!opened.file && !tellsOfChange(opened.error)) return found;
+    struct stat again;
+    if (!opened.file || ::fstat(opened.file.get(), &again) != 0 || !isSame(again, status)) continue;
+    describe(again, &found);
+    found.file = std::move(opened.file);
+    found.is_readable = true;
+    return found;
+  }
+  return std::nullopt;
+}
+
+}  // namespace vel
