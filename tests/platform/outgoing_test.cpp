@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/file_region.h"
+
 namespace vel::test {
 namespace {
 
@@ -52,6 +54,36 @@ TEST(Outgoing, KeepsBytesAndTagsInOrder) {
     EXPECT_EQ(sent, written);
     EXPECT_EQ(told, 100);
   }
+}
+
+// Small parts of files are gathered with the rest; a large one stands between what is before and behind it.
+TEST(Outgoing, SetsLargePartsOfFilesApart) {
+  const auto file = std::make_shared<const FileDescriptor>(openForReading("/proc/self/exe"));
+  const size_t large = Outgoing::kSmallRegion + 1;
+  Outgoing outgoing;
+  outgoing.append(VELData(std::string("head")), milliseconds(-1), 1);
+  outgoing.append(FileRegion::dataWithRegion(file, 1, 3), milliseconds(-1), 2);
+  outgoing.append(FileRegion::dataWithRegion(file, 1, large), milliseconds(-1), 3);
+  outgoing.append(VELData(std::string("tail")), milliseconds(-1), 4);
+  EXPECT_EQ(outgoing.takeDone(), 1);
+  EXPECT_EQ(outgoing.takeDone(), 2);
+  EXPECT_EQ(take(outgoing, SIZE_MAX), "headELF");
+  iovec vectors[4];
+  RegionRest rest;
+  outgoing.didSend(large - 1);
+  EXPECT_EQ(outgoing.vectors(vectors, 4, &rest), 0);
+  EXPECT_EQ(rest.location, large - 1);
+  EXPECT_EQ(rest.length, 1U);
+  EXPECT_FALSE(outgoing.hasDone());
+  outgoing.didSend(1);
+  EXPECT_EQ(outgoing.takeDone(), 3);
+  EXPECT_EQ(take(outgoing, SIZE_MAX), "tail");
+  EXPECT_EQ(outgoing.takeDone(), 4);
+  EXPECT_TRUE(outgoing.isEmpty());
+  // One that ends too early counts as written all the same.
+  outgoing.append(FileRegion::dataWithRegion(file, UINT32_MAX, 10), milliseconds(30), 5);
+  EXPECT_EQ(outgoing.takeDone(), 5);
+  EXPECT_TRUE(outgoing.isEmpty());
 }
 
 TEST(Outgoing, CopiesWhatIsLeft) {

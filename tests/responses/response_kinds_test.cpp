@@ -116,6 +116,19 @@ TEST_F(FileResponse, KeepsReadingTheFileThatItOpened) {
   EXPECT_EQ(first.view(), "01234");
 }
 
+// A piece stands for a part of the file until somebody asks for its bytes, which are kept from then on.
+TEST_F(FileResponse, GivesPartsOfTheFile) {
+  const auto response = responseFor("0123456789");
+  const VELData piece = response->readDataOfLength(8);
+  const VELData part = piece.subdata(2, 100);
+  const VELData copy = piece;
+  EXPECT_EQ(part.view(), "234567");
+  ASSERT_EQ(::truncate(path_.c_str(), 4), 0);
+  EXPECT_EQ(copy.view(), std::string_view("0123\0\0\0\0", 8));
+  EXPECT_EQ(copy.bytes(), piece.bytes());
+  EXPECT_EQ(part.view(), "234567");
+}
+
 TEST_F(FileResponse, ReadsFilesThatSayTheyAreEmpty) {
   const auto response =
       VELResponse::responseWithFileURL(VELURL::fileURLWithPath("/proc/self/stat"), 200);
