@@ -21,7 +21,9 @@ class Server {
  public:
   explicit Server(int listener);
   void run() { runLoop(epoll_, listener_, *this); }
-  void acceptAll();
+  void acceptAll() {
+    acceptInto(connections_, epoll_, listener_, kReadEvents, [](int) { return Connection{}; });
+  }
   void handle(int fd, std::uint32_t events);
 
  private:
@@ -46,15 +48,6 @@ class Server {
 
 Server::Server(int listener) : listener_(listener), epoll_(makeEpoll(listener)) {
   for (std::size_t i = 0; i < kAnswersPerSend; ++i) answers_.append(kAnswer);
-}
-
-void Server::acceptAll() {
-  for (int fd = acceptFrom(listener_); fd >= 0; fd = acceptFrom(listener_)) {
-    const auto index = static_cast<std::size_t>(fd);
-    if (index >= connections_.size()) connections_.resize(index + 1);
-    connections_[index] = Connection{};
-    watch(epoll_, EPOLL_CTL_ADD, fd, kReadEvents);
-  }
 }
 
 void Server::handle(int fd, std::uint32_t events) {

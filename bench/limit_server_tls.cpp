@@ -73,15 +73,13 @@ class Server {
 };
 
 void Server::acceptAll() {
-  for (int fd = acceptFrom(listener_); fd >= 0; fd = acceptFrom(listener_)) {
-    const auto index = static_cast<std::size_t>(fd);
-    if (index >= connections_.size()) connections_.resize(index + 1);
-    SSL* const tls = SSL_new(context_);
-    if (tls == nullptr || SSL_set_fd(tls, fd) != 1) failTLS("SSL_new");
-    SSL_set_accept_state(tls);
-    connections_[index].tls = tls;
-    watch(epoll_, EPOLL_CTL_ADD, fd, kReadEvents);
-  }
+  acceptInto(connections_, epoll_, listener_, kReadEvents, [this](int fd) {
+    Connection connection;
+    connection.tls = SSL_new(context_);
+    if (connection.tls == nullptr || SSL_set_fd(connection.tls, fd) != 1) failTLS("SSL_new");
+    SSL_set_accept_state(connection.tls);
+    return connection;
+  });
 }
 
 void Server::handle(int fd, std::uint32_t events) {

@@ -20,7 +20,9 @@ class Server {
  public:
   explicit Server(int listener) : listener_(listener), epoll_(makeEpoll(listener)) {}
   void run() { runLoop(epoll_, listener_, *this); }
-  void acceptAll();
+  void acceptAll() {
+    acceptInto(connections_, epoll_, listener_, kReadEvents, [](int) { return Connection{}; });
+  }
   void handle(int fd, std::uint32_t events);
 
  private:
@@ -45,15 +47,6 @@ class Server {
   std::vector<Connection> connections_;  // by descriptor
   std::array<char, kReceiveSize> buffer_{};
 };
-
-void Server::acceptAll() {
-  for (int fd = acceptFrom(listener_); fd >= 0; fd = acceptFrom(listener_)) {
-    const auto index = static_cast<std::size_t>(fd);
-    if (index >= connections_.size()) connections_.resize(index + 1);
-    connections_[index] = Connection{};
-    watch(epoll_, EPOLL_CTL_ADD, fd, kReadEvents);
-  }
-}
 
 void Server::handle(int fd, std::uint32_t) {
   if (!receive(fd, connections_[static_cast<std::size_t>(fd)], buffer_)) close(fd);

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace bench {
 
@@ -58,6 +59,18 @@ class Arguments {
  private:
   std::map<std::string, std::string, std::less<>> values_;
 };
+
+// Accepts all that wait. `connections` has one by descriptor, which `begin(fd)` gives.
+template <typename Connection, typename Begin>
+void acceptInto(std::vector<Connection>& connections, int epoll, int listener, std::uint32_t events,
+                Begin begin) {
+  for (int fd = acceptFrom(listener); fd >= 0; fd = acceptFrom(listener)) {
+    const auto index = static_cast<std::size_t>(fd);
+    if (index >= connections.size()) connections.resize(index + 1);
+    connections[index] = begin(fd);
+    watch(epoll, EPOLL_CTL_ADD, fd, events);
+  }
+}
 
 // Waits for events for ever: `acceptAll()` is for those of the listener, `handle(fd, events)` for
 // all others.

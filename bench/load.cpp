@@ -1,11 +1,10 @@
 // The load's loop: who sends when, and what an answer has to look like.
 #include "load.h"
 
-#include <strings.h>
 #include <sys/epoll.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <optional>
 #include <utility>
 
@@ -19,6 +18,8 @@ constexpr int kStallMilliseconds = 60'000;
 constexpr std::uint32_t kFirstSource = 2;
 constexpr std::uint32_t kSourceAddresses = 64;
 constexpr std::uint64_t kErrorsToGiveUp = 1000;
+// The head of a long answer, and no more of its body than is cheap to copy.
+constexpr std::size_t kLongHeadReceive = 8192;
 
 struct Answer {
   std::size_t length = 0;
@@ -27,25 +28,11 @@ struct Answer {
 
 // The first answer in the bytes, or nothing while it is not complete.
 std::optional<Answer> readAnswer(std::string_view bytes, std::string_view expected) {
-  constexpr std::string_view kName = "\nContent-Length:";
-  const std::size_t end = bytes.find("\r\n\r\n");
-  if (end == std::string_view::npos) return std::nullopt;
-  const std::string_view head = bytes.substr(0, end + 2);
-  std::size_t bodyLength = 0;
-  bool hasLength = false;
-  for (std::size_t line = head.find('\n'); line + kName.size() < head.size();
-       line = head.find('\n', line + 1)) {
-    if (strncasecmp(head.data() + line, kName.data(), kName.size()) != 0) continue;
-    bodyLength = std::strtoul(head.data() + line + kName.size(), nullptr, 10);
-    hasLength = true;
-    break;
-  }
-  Answer answer;
-  answer.length = end + 4 + bodyLength;
-  if (bytes.size() < answer.length) return std::nullopt;
-  answer.good = hasLength && head.substr(0, 13) == "HTTP/1.1 200 " &&
-                bytes.substr(end + 4, bodyLength) == expected;
-  return answer;
+  const std::optional<AnswerHead> head = readAnswerHead(bytes);
+  if (!head || bytes.size() - head->length < head->bodyLength) return std::nullopt;
+  const std::string_view body =
+      bytes.substr(head->length, static_cast<std::size_t>(head->bodyLength));
+  return Answer{head->length + body.size(), head->good && body == expected};
 }
 
 }  // namespace
@@ -53,6 +40,7 @@ std::optional<Answer> readAnswer(std::string_view bytes, std::string_view expect
 Load::Load(const LoadOptions& options)
     : options_(options),
       text_(options),
+      longBody_(options.expect),
       context_(options.tls ? makeClientContext() : nullptr),
       connections_(options.connections),
       epoll_(epoll_create1(EPOLL_CLOEXEC)) {
@@ -62,7 +50,8 @@ Load::Load(const LoadOptions& options)
 void Load::connect(std::size_t index) {
   Connection& connection = connections_[index];
   connection = Connection{};
-  connection.stream.open(options_.port, kFirstSource + nextSource_++ % kSourceAddresses, context_);
+  connection.stream.open(options_.port, kFirstSource + nextSource_++ % kSourceAddresses, context_,
+                         options_.take > 0 ? 0 : options_.answer);
   watch(index, EPOLL_CTL_ADD, EPOLLIN | EPOLLOUT);
   connection.watchesSpace = true;
 }
@@ -134,6 +123,7 @@ void Load::handle(std::size_t index, std::uint32_t events) {
 }
 
 void Load::receive(std::size_t index) {
+  if (options_.answer > 0) return receiveLong(index);
   Connection& connection = connections_[index];
   const ssize_t count = connection.stream.receive(buffer_.data(), buffer_.size());
   if (count == 0) return;
@@ -168,7 +158,56 @@ void Load::digest(std::size_t index, std::string_view bytes) {
   if (connection.outstanding == 0 && !options_.newConnections) begin(index);
 }
 
-// The server has closed: the end of a request where each has its own connection, else a fault.
+void Load::receiveLong(std::size_t index) {
+  Connection& connection = connections_[index];
+  if (connection.bodyEnd == 0 && !receiveLongHead(index)) return;
+  // OpenSSL cannot drop.
+  const bool drops = connection.compared && context_ == nullptr;
+  while (connection.bodyTaken < connection.bodyEnd) {
+    auto size = static_cast<std::size_t>(connection.bodyEnd - connection.bodyTaken);
+    if (!drops) size = std::min(size, buffer_.size());
+    const ssize_t count =
+        drops ? connection.stream.drop(size) : connection.stream.receive(buffer_.data(), size);
+    if (count == 0) return;
+    if (count == LoadStream::kEnded) return ended(index);
+    const auto length = static_cast<std::size_t>(count);
+    bytes_ += length;
+    if (!drops && !longBody_.matches(connection.bodyTaken, {buffer_.data(), length})) {
+      return ended(index);
+    }
+    connection.bodyTaken += length;
+  }
+  connection.compared = true;
+  connection.bodyEnd = 0;
+  connection.outstanding = 0;
+  if (options_.take > 0) connection.stream.close();
+  --toFinish_;
+  begin(index);
+}
+
+// Whether the head of a long answer is complete. What has come of the body with it is compared.
+bool Load::receiveLongHead(std::size_t index) {
+  Connection& connection = connections_[index];
+  const ssize_t count = connection.stream.receive(buffer_.data(), kLongHeadReceive);
+  if (count == 0) return false;
+  if (count == LoadStream::kEnded) return ended(index), false;
+  bytes_ += static_cast<std::uint64_t>(count);
+  connection.carry.append(buffer_.data(), static_cast<std::size_t>(count));
+  const std::optional<AnswerHead> head = readAnswerHead(connection.carry);
+  if (!head) return false;
+  const std::string_view body = std::string_view(connection.carry).substr(head->length);
+  if (!head->good || head->bodyLength != options_.answer || body.size() > options_.answer ||
+      !longBody_.matches(0, body)) {
+    return ended(index), false;
+  }
+  connection.bodyTaken = body.size();
+  connection.bodyEnd = options_.take > 0 ? options_.take : options_.answer;
+  connection.carry.clear();
+  return true;
+}
+
+// The server has closed: the end of a request where each has its own connection, else a fault. A
+// long answer that is wrong ends its connection in the same way.
 void Load::ended(std::size_t index) {
   Connection& connection = connections_[index];
   const std::size_t lost = connection.outstanding;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "load_answer.h"
 #include "load_options.h"
 #include "load_stream.h"
 
@@ -30,7 +31,10 @@ class Load {
     std::uint64_t unsent = 0;    // bytes at the end of the row of requests
     std::uint64_t rowBytes = 0;  // length of the row of requests being sent
     bool watchesSpace = false;
-    std::string carry;  // the beginning of an answer that was split
+    std::string carry;  // the beginning of an answer that was split, or of its head if it is long
+    std::uint64_t bodyTaken = 0;  // of a long answer
+    std::uint64_t bodyEnd = 0;    // how much of it is wanted; 0 before its head is complete
+    bool compared = false;        // a whole long answer has been
   };
 
   void connect(std::size_t index);
@@ -40,6 +44,10 @@ class Load {
   void handle(std::size_t index, std::uint32_t events);
   void receive(std::size_t index);
   void digest(std::size_t index, std::string_view bytes);
+  // Compares the first answer on a connection. Of the others the kernel drops what does not come
+  // with the head, so that the load does not displace the server's data from the caches.
+  void receiveLong(std::size_t index);
+  bool receiveLongHead(std::size_t index);
   void ended(std::size_t index);
   void countError(std::uint64_t lost);
 
@@ -47,6 +55,7 @@ class Load {
 
   const LoadOptions& options_;
   const RequestText text_;
+  const RepeatedBody longBody_;
   SSL_CTX* const context_;
   std::vector<Connection> connections_;
   std::array<char, kReceiveSize> buffer_{};

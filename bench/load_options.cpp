@@ -80,6 +80,10 @@ void setOption(std::string_view name, const char* value, LoadOptions& options) {
     options.fields = number(name, value);
   } else if (name == "--body") {
     options.body = number(name, value);
+  } else if (name == "--answer") {
+    options.answer = number(name, value);
+  } else if (name == "--take") {
+    options.take = number(name, value);
   } else if (name == "--path") {
     options.path = value;
   } else if (name == "--expect") {
@@ -130,6 +134,10 @@ LoadOptions readOptions(int argc, char** argv) {
     ++i;
   }
   if (options.port == 0) fail("--port is missing");
+  if (options.take > options.answer) fail("--take is more than --answer");
+  if (options.answer > 0 && (options.depth > 1 || options.newConnections)) {
+    fail("--answer is for one request at a time on connections that stay");
+  }
   if (options.chunked && options.body % kChunk != 0) fail("--body is no multiple of a chunk");
   return options;
 }

@@ -16,10 +16,12 @@ struct LoadOptions {
   std::uint64_t warmup = 0;
   std::string path = "/";
   std::string expect = "Hello, world!";
-  std::size_t fields = 1;  // header fields of a request, "Host" among them
-  std::uint64_t body = 0;  // bytes of a body that each request uploads
-  bool chunked = false;    // the body goes in chunks
-  bool tls = false;        // TLS 1.3
+  std::uint64_t answer = 0;  // bytes of a long answer: `expect` over and over; empty: zeros
+  std::uint64_t take = 0;    // bytes of it after which the load closes the connection
+  std::size_t fields = 1;    // header fields of a request, "Host" among them
+  std::uint64_t body = 0;    // bytes of a body that each request uploads
+  bool chunked = false;      // the body goes in chunks
+  bool tls = false;          // TLS 1.3
   bool browserHead = false;
   bool idle = false;            // opens the connections in small groups, then holds them
   bool opensFirst = false;      // opens them so before anything else

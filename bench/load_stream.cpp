@@ -9,7 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <string>
 #include <utility>
 
 #include "load_options.h"
@@ -18,10 +20,32 @@ namespace bench {
 namespace {
 
 constexpr std::string_view kCongestionControl = "reno";  // always there
+constexpr std::size_t kLeastReceiveBuffer = std::size_t{128} * 1024;
+
+// An answer that waits for the window would go out in part while the load reads, in its time and
+// not the server's. The kernel doubles the size, and takes half of it for the window.
+void widenWindow(int fd, std::size_t answer) {
+  const int size = static_cast<int>(std::max(kLeastReceiveBuffer, 2 * answer));
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0) return;
+  int actual = 0;
+  socklen_t length = sizeof actual;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0 ||
+      getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &actual, &length) != 0) {
+    failSystem("SO_RCVBUF");
+  }
+  if (actual < 2 * size) fail("net.core.rmem_max is below " + std::to_string(size));
+}
+
+// What a receive has moved, in the words of LoadStream.
+ssize_t moved(ssize_t count) {
+  if (count > 0) return count;
+  return count < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : LoadStream::kEnded;
+}
 
 }  // namespace
 
-void LoadStream::open(std::uint16_t port, std::uint32_t source, SSL_CTX* context) {
+void LoadStream::open(std::uint16_t port, std::uint32_t source, SSL_CTX* context,
+                      std::size_t answer) {
   fd_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd_ < 0) failSystem("socket");
   const int on = 1;
@@ -29,6 +53,7 @@ void LoadStream::open(std::uint16_t port, std::uint32_t source, SSL_CTX* context
   // Where the system paces by measured bandwidth, uploads to a server under a tracer would crawl.
   setsockopt(fd_, IPPROTO_TCP, TCP_CONGESTION, kCongestionControl.data(),
              kCongestionControl.size());
+  if (answer > 0) widenWindow(fd_, answer);
   setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -73,9 +98,11 @@ ssize_t LoadStream::sendTLS(std::string_view bytes) {
 
 ssize_t LoadStream::receive(char* buffer, std::size_t size) {
   if (tls_ != nullptr) return receiveTLS(buffer, size);
-  const ssize_t count = recv(fd_, buffer, size, 0);
-  if (count > 0) return count;
-  return count < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : kEnded;
+  return moved(recv(fd_, buffer, size, 0));
+}
+
+ssize_t LoadStream::drop(std::size_t size) const {
+  return moved(recv(fd_, nullptr, size, MSG_TRUNC));
 }
 
 ssize_t LoadStream::receiveTLS(char* buffer, std::size_t size) {

@@ -18,8 +18,9 @@ class LoadStream {
  public:
   static constexpr ssize_t kEnded = -1;
 
-  // Connects from 127.0.0.`source`; with TLS where there is a context.
-  void open(std::uint16_t port, std::uint32_t source, SSL_CTX* context);
+  // Connects from 127.0.0.`source`; with TLS where there is a context. With `answer`, so many bytes
+  // fit the receive window from the first.
+  void open(std::uint16_t port, std::uint32_t source, SSL_CTX* context, std::size_t answer = 0);
   void close();
 
   [[nodiscard]] bool isOpen() const { return fd_ >= 0; }
@@ -30,6 +31,8 @@ class LoadStream {
   ssize_t send(std::string_view bytes);
   // All that has come, as far as the buffer holds it.
   ssize_t receive(char* buffer, std::size_t size);
+  // Drops up to that many bytes without copying them. Not with TLS.
+  ssize_t drop(std::size_t size) const;
 
  private:
   ssize_t sendTLS(std::string_view bytes);

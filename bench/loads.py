@@ -17,13 +17,24 @@ class Load:
     ratio: float | None = None         # to reach
     instructions: int | None = None    # to reach
     calls: float | None = None         # to reach
-    service: str = "plain"   # what the server is started for: plain, tls or upload
+    service: str = "plain"   # what the server is started for: plain, tls, upload or files
+    file: tuple | None = None          # path and bytes of the file that is fetched
 
     @property
     def words(self):
         """What the load program is told."""
-        return ["--load", self.name]
+        if not self.file:
+            return ["--load", self.name]
+        path, size = self.file
+        return ["--load", "keep-alive", "--path", path, "--answer", size]
 
+
+# The files that all servers have. Their bytes are ANSWER over and over, no multiple of a page.
+FILES = {"4k": ("/assets/js/menu.js", 4 * 1024),
+         "64k": ("/assets/js/main.js", 64 * 1024),
+         "1m": ("/assets/js/full.js", 1024 * 1024)}
+# This one is sparse.
+LARGE_FILE = ("/assets/js/huge.js", 1024 * 1024 * 1024)
 
 LOADS = {load.name: load for load in (
     Load("keep-alive", 20_000, (1000, 5000), 1000, ratio=1.18, instructions=5000, calls=2.0),
@@ -36,6 +47,9 @@ LOADS = {load.name: load for load in (
     # A request is one mebibyte.
     Load("upload", 256, (16, 64), 16, service="upload"),
     Load("upload-chunked", 256, (16, 64), 16, service="upload"),
+    Load("files-4k", 20_000, (1000, 5000), 1000, ratio=1.25, service="files", file=FILES["4k"]),
+    Load("files-64k", 10_000, (500, 2500), 500, ratio=1.20, service="files", file=FILES["64k"]),
+    Load("files-1m", 2000, (64, 256), 128, ratio=1.08, service="files", file=FILES["1m"]),
 )}
 
 IDLE_CONNECTIONS = 10_000
@@ -45,17 +59,23 @@ LARGE_UPLOAD_MEBIBYTES = 1024
 LARGE_UPLOAD_GROWTH_MEBIBYTES = 8
 LARGE_UPLOADS = {"length": "upload", "chunked": "upload-chunked"}
 
-GROWTHS = ("growth-connections", "growth-routes", "growth-fields")
+LARGE_FILE_CLIENTS = 64
+LARGE_FILE_TAKEN_MEBIBYTES = 64
+LARGE_FILE_GROWTH_MEBIBYTES = 2
+
+GROWTHS = ("growth-connections", "growth-routes", "growth-fields", "growth-files")
 CONNECTIONS = (1, 64, 1000, 10_000)
 CONNECTIONS_GOAL = 1.05      # the last against the second: one connection alone is not busy
 ROUTES = (1, 10, 100, 1000)
 ROUTES_GOAL = 1.20           # the last against the first
 FIELDS = (1, 10, 30, 90)
+DIRECTORY_FILES = (10, 100_000)
+DIRECTORY_FILES_GOAL = 1.10  # the last against the first
 
 LOOPS = (1, 2)
 FUTEX_GOAL = 0.0
 
 # Everything that --load names, in the order of the tables.
-NAMES = (*LOADS, "loops", *GROWTHS, "upload-memory", "idle")
+NAMES = (*LOADS, "loops", *GROWTHS, "upload-memory", "files-memory", "idle")
 # What --quick leaves out unless it is named.
-SLOW = (*GROWTHS, "upload-memory")
+SLOW = (*GROWTHS, "upload-memory", "files-memory")

@@ -184,6 +184,23 @@ def large_upload(bench, target, load_name, mebibytes):
                 (cpu_nanoseconds(server.pid) - time_used) / mebibytes)
 
 
+def large_downloads(bench, target):
+    """How far memory rose above that of the idle server, in MiB, while clients took the first part
+    of a large file at once."""
+    path, size = loads.LARGE_FILE
+    clients = loads.LARGE_FILE_CLIENTS
+    with bench.server(target, "files") as (server, port):
+        bench.run_load(port, *loads.LOADS["files-4k"].words, "--connections", 1, "--requests", 8)
+        settle(server.pid)
+        reset_peak(server.pid)
+        before = peak_bytes(server.pid)
+        bench.run_load(port, "--load", "keep-alive", "--connections", clients,
+                       "--requests", clients, "--path", path, "--answer", size, "--expect", "",
+                       "--take", loads.LARGE_FILE_TAKEN_MEBIBYTES * MEBIBYTE)
+        settle(server.pid)
+        return (peak_bytes(server.pid) - before) / MEBIBYTE
+
+
 def has_tool(name):
     return shutil.which(name) is not None
 
@@ -202,7 +219,9 @@ def machine_facts(core):
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
     revision = subprocess.run(["git", "describe", "--always", "--dirty", "--tags"], text=True,
                               cwd=pathlib.Path(__file__).parent, capture_output=True, check=False)
+    control = pathlib.Path("/proc/sys/net/ipv4/tcp_congestion_control")
     return [f"{model}, {os.cpu_count()} cores{virtual}, {memory:.0f} GiB, "
             f"{os.uname().sysname} {os.uname().release}",
-            f"server and load on core {core}; load average {os.getloadavg()[0]:.2f}",
+            f"server and load on core {core}; load average {os.getloadavg()[0]:.2f}; "
+            f"TCP with {control.read_text().strip()}",
             f"sources at {revision.stdout.strip() or 'no known revision'}"]

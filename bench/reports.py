@@ -41,6 +41,10 @@ def progress(text):
         print(f"  {text} ...", file=sys.stderr)
 
 
+def rounds_of(arguments):
+    return arguments.rounds or (5 if arguments.quick else 11)
+
+
 def report_cpu(bench, servers, names, arguments):
     columns = [server.name for server in servers if server.name != "limit"]
     columns.sort(key=lambda name: name != CONTROL)
@@ -51,7 +55,7 @@ def report_cpu(bench, servers, names, arguments):
     rows, failures = [head], []
     for load in (LOADS[name] for name in names):
         requests = arguments.requests or load.requests
-        rounds = arguments.rounds or (5 if arguments.quick else 11)
+        rounds = rounds_of(arguments)
         progress(f"{load.name}: rounds of {requests} requests")
         taking_part = [server for server in servers if server.serves(load.service)]
         results, failed = measures.cpu_rounds(bench, taking_part, load, requests, rounds,
@@ -120,7 +124,7 @@ def report_calls(bench, servers, names):
 
 def report_idle(bench, servers):
     rows, failures = [["server", "bytes", "to reach"]], []
-    for server in servers:
+    for server in (server for server in servers if server.serves("plain")):
         value = attempt(failures, f"memory of {server.name}",
                         measures.bytes_per_idle_connection, bench, server)
         if value is None:
@@ -153,15 +157,34 @@ def report_large_uploads(bench, servers):
     return failures
 
 
-def report_loops(bench, build_directory, path, identity, cores, arguments):
+def report_large_downloads(bench, servers, material):
+    goal = loads.LARGE_FILE_GROWTH_MEBIBYTES
+    rows, failures = [["server", "growth MiB", "to reach"]], []
+    targets.make_large_file(material)
+    for server in (server for server in servers if server.serves("files")):
+        progress(f"{server.name}: {loads.LARGE_FILE_CLIENTS} large downloads")
+        value = attempt(failures, f"large downloads from {server.name}", measures.large_downloads,
+                        bench, server)
+        if value is None:
+            rows.append([server.name, "failed", "-"])
+            continue
+        rows.append([server.name, f"{value:.1f}",
+                     verdict(round(value, 1), goal if server.name == "corvane" else None)])
+    print_table(f"{loads.LARGE_FILE_CLIENTS} downloads of one GiB at once, each ended by the "
+                f"client after {loads.LARGE_FILE_TAKEN_MEBIBYTES} MiB: growth of the resident set "
+                "at its peak", rows)
+    return failures
+
+
+def report_loops(bench, build_directory, path, material, cores, arguments):
     """One loop on the bench's core against two that may use all cores."""
-    limit, control = targets.limits(build_directory, identity)
-    servers = [targets.corvane(f"{loops} loop{'s' * (loops > 1)}", path, identity, loops,
+    limit, control = targets.limits(build_directory, material)
+    servers = [targets.corvane(f"{loops} loop{'s' * (loops > 1)}", path, material, loops,
                                cores if loops > 1 else None) for loops in loads.LOOPS]
     load = LOADS["keep-alive"]
     results, failed = measures.cpu_rounds(
         bench, [limit, *servers, control], load, arguments.requests or load.requests,
-        arguments.rounds or (5 if arguments.quick else 11), SECONDS_PER_LOAD)
+        rounds_of(arguments), SECONDS_PER_LOAD)
     failures = [f"{name}: {reason}" for name, reason in failed.items()]
     rows = [["server", "processor time", "system calls", "futex", "to reach"]]
     for server in servers:

@@ -1,12 +1,12 @@
-"""The servers that are measured, each by the command that starts it for a service: plain, tls or
-upload. How they run stands in processes.py.
+"""The servers that are measured, each by the command that starts it for a service: plain, tls,
+upload or files. How they run stands in processes.py, peers in peers.py.
 """
 
+import dataclasses
 import pathlib
-import shutil
-import socket
 import subprocess
 
+import loads
 from loads import ANSWER
 from processes import BenchError
 
@@ -30,41 +30,12 @@ class Target:
         return self._commands[service], None
 
 
-class Nginx(Target):
-    """nginx with one process, its logs off, and the same answer out of its configuration."""
-
-    CONFIGURATION = """
-daemon off; master_process off; worker_processes 1; error_log stderr crit; pid {directory}/pid;
-worker_rlimit_nofile 20000;
-events {{ worker_connections 12000; }}
-http {{
-  access_log off; server_tokens off; keepalive_requests 1000000000; keepalive_timeout 60s;
-  client_body_temp_path {directory}/b; proxy_temp_path {directory}/p;
-  fastcgi_temp_path {directory}/f; uwsgi_temp_path {directory}/u; scgi_temp_path {directory}/s;
-  server {{
-    listen 127.0.0.1:{port} backlog=4096{tls};
-    location / {{ default_type "text/plain; charset=utf-8"; return 200 "{answer}"; }}
-  }}
-}}
-"""
-    TLS = (" ssl; ssl_protocols TLSv1.3; ssl_session_cache none; "
-           "ssl_certificate {}; ssl_certificate_key {}")
-
-    def __init__(self, program, identity):
-        # It answers by `return`, which drops a body, so it does not take part in uploads.
-        super().__init__("nginx", {"plain": [program], "tls": [program]})
-        self._identity = identity
-
-    def command(self, directory, service):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
-        tls = self.TLS.format(*self._identity) if service == "tls" else ""
-        file = pathlib.Path(directory) / "nginx.conf"
-        file.write_text(self.CONFIGURATION.format(directory=directory, port=port, answer=ANSWER,
-                                                  tls=tls))
-        command, _ = super().command(directory, service)
-        return command + ["-p", str(directory), "-e", "stderr", "-c", str(file)], port
+@dataclasses.dataclass(frozen=True)
+class Material:
+    """What all servers are given: a certificate over a P-256 key, and a directory of files."""
+    certificate: str
+    key: str
+    files: str
 
 
 def program(directory, name):
@@ -74,8 +45,8 @@ def program(directory, name):
     raise BenchError(f"{name} is not in {directory}")
 
 
-def make_identity(directory):
-    """A certificate over a P-256 key, the same for all servers: (certificate, key)."""
+def make_material(directory):
+    """The certificate and the files, the same for all servers, below `directory`."""
     certificate, key = f"{directory}/certificate.pem", f"{directory}/key.pem"
     command = ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
                "-nodes", "-days", "30", "-subj", "/CN=127.0.0.1",
@@ -86,26 +57,45 @@ def make_identity(directory):
         raise BenchError("openssl, which makes the certificate, is not installed") from None
     if done.returncode != 0:
         raise BenchError(f"openssl made no certificate: {done.stderr.strip()}")
-    return certificate, key
+    files = pathlib.Path(directory) / "files"
+    for path, size in loads.FILES.values():
+        make_file(files, path, size)
+    return Material(certificate, key, str(files))
 
 
-def corvane(name, path, identity, loops=1, cores=None, more=()):
+def make_file(directory, path, size):
+    """A file as the load program expects it."""
+    file = pathlib.Path(directory) / path.lstrip("/")
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text((ANSWER * (size // len(ANSWER) + 1))[:size])
+
+
+def make_large_file(material):
+    """The large file, of zeros that take no space on the disk."""
+    path, size = loads.LARGE_FILE
+    with open(pathlib.Path(material.files) / path.lstrip("/"), "wb") as file:
+        file.truncate(size)
+
+
+def corvane(name, path, material, loops=1, cores=None, more=()):
     """The corvane program at `path` with one route, for every service."""
-    plain = [path.resolve(), "--quiet", "--threads", loops, "--listen", "127.0.0.1:0",
-             "--text", f"/={ANSWER}", *more]
-    certificate, key = identity
+    base = [path.resolve(), "--quiet", "--threads", loops, "--listen", "127.0.0.1:0", *more]
+    plain = [*base, "--text", f"/={ANSWER}"]
     return Target(name, {"plain": plain,
-                         "tls": [*plain, "--certificate", certificate, "--key", key],
-                         "upload": [*plain, "--methods", "/=GET,POST"]}, cores)
+                         "tls": [*plain, "--certificate", material.certificate,
+                                 "--key", material.key],
+                         "upload": [*plain, "--methods", "/=GET,POST"],
+                         "files": [*base, material.files]}, cores)
 
 
-def limits(build_directory, identity):
+def limits(build_directory, material):
     """The limit and its second turn."""
-    certificate, key = identity
     commands = {"plain": [program(build_directory, "bench_limit_server")],
                 "tls": [program(build_directory, "bench_limit_server_tls"),
-                        "--certificate", certificate, "--key", key],
-                "upload": [program(build_directory, "bench_limit_server_upload")]}
+                        "--certificate", material.certificate, "--key", material.key],
+                "upload": [program(build_directory, "bench_limit_server_upload")],
+                "files": [program(build_directory, "bench_limit_server_files"),
+                          "--directory", material.files]}
     return [Target("limit", commands), Target(CONTROL, commands)]
 
 
@@ -129,16 +119,9 @@ def corvane_paths(arguments):
     return paths, notes
 
 
-def choose_targets(arguments, identity):
+def choose_targets(arguments, material):
     """The servers, the limit first; and what is to be said about those left out."""
-    limit, control = limits(arguments.build_dir, identity)
+    limit, control = limits(arguments.build_dir, material)
     paths, notes = corvane_paths(arguments)
-    programs = [corvane(name, path, identity) for name, path in paths.items()]
-    targets = [limit, *programs, control]
-    if arguments.peers:
-        nginx = shutil.which("nginx") or shutil.which("nginx", path="/usr/sbin:/usr/local/sbin")
-        if nginx:
-            targets.append(Nginx(nginx, identity))
-        else:
-            notes.append("nginx is left out: it is not installed")
-    return targets, notes
+    programs = [corvane(name, path, material) for name, path in paths.items()]
+    return [limit, *programs, control], notes
