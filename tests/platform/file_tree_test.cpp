@@ -14,7 +14,9 @@
 #include <climits>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -49,7 +51,12 @@ std::string identity(const std::optional<FoundFile>& found) {
   return found && ::fstat(found->file.get(), &status) == 0 ? identity(status) : "none";
 }
 
-/// A root with files, directories and links, and a directory outside. Each test runs both ways.
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/// A root with files and directories, and a directory outside. Each test runs both ways.
 class FileTreeTest : public testing::TestWithParam<Way> {
  protected:
   FileTreeTest() {
@@ -105,90 +112,37 @@ INSTANTIATE_TEST_SUITE_P(, FileTreeTest, testing::Values(Way::kBest, Way::kCompo
                          });
 
 TEST_P(FileTreeTest, FollowsOnlyWhatStaysInside) {
-  const std::vector<std::pair<std::string, std::string>> links = {
-      {"to-file", "file"},
-      {"to-dir", "dir"},
-      {"to-dir-slash", "dir//"},
-      {"to-file-slash", "file/"},
-      {"here", "."},
-      {"round", "dir/../to-dir/nested/.."},
-      {"dir/up", "../file"},
-      {"dir/nested/up", "../../dir/nested/file"},
-      {"dangling", "nothing"},
-      {"loop", "loop"},
-      {"out", "../outside"},
-      {"out-file", "../outside/secret"},
-      {"out-and-in", "../root/file"},
-      {"dir/out", "../../outside/secret"},
-      {"absolute", inside("file")},
-      {"absolute-root", inside("")},
-      {"absolute-out", outside("secret")},
-      {"slash", "/"},
-  };
-  for (const auto& [name, target] : links) link(name, target);
+  link("absolute", inside("file"));
+  link("absolute-root", inside(""));
+  link("absolute-out", outside("secret"));
+  const std::vector<std::string> links = words(
+      "to-file file  to-dir dir  to-dir-slash dir//  to-file-slash file/  here .  slash /  named "
+      "/file "
+      "round dir/../to-dir/nested/..  dir/up ../file  dir/nested/up ../../dir/nested/file "
+      "dangling nothing  loop loop  out ../outside  out-file ../outside/secret "
+      "out-and-in ../root/file  dir/out ../../outside/secret");
+  for (size_t i = 0; i < links.size(); i += 2) link(links[i], links[i + 1]);
 
-  struct Row {
-    std::string path;
-    const char* file;  // which file of the root is found; null: none
-  };
-  const std::vector<Row> rows = {
-      {"", "."},
-      {".", "."},
-      {"file", "file"},
-      {"dir/nested/file", "dir/nested/file"},
-      {"dir/", "dir"},
-      {"dir//nested///", "dir/nested"},
-      {"dir/.", "dir"},
-      {"dir/..", "."},
-      {"dir/nested/../file", "dir/file"},
-      {"dir/nested/../../file", "file"},
-      {"to-file", "file"},
-      {"to-dir", "dir"},
-      {"to-dir/", "dir"},
-      {"to-dir/file", "dir/file"},
-      {"to-dir/../file", "file"},
-      {"to-dir-slash/file", "dir/file"},
-      {"here/here/here/file", "file"},
-      {"round/file", "dir/file"},
-      {"dir/up", "file"},
-      {"dir/nested/up", "dir/nested/file"},
-      {"file/", nullptr},
-      {"file/.", nullptr},
-      {"file/..", nullptr},
-      {"file/file", nullptr},
-      {"to-file/", nullptr},
-      {"to-file-slash", nullptr},
-      {"nothing", nullptr},
-      {"nothing/../file", nullptr},
-      {"dangling", nullptr},
-      {"loop", nullptr},
-      {"loop/..", nullptr},
-      {"..", nullptr},
-      {"../", nullptr},
-      {"../root/file", nullptr},
-      {"../outside/secret", nullptr},
-      {"dir/../../root", nullptr},
-      {"to-dir/nested/../../../root/file", nullptr},
-      {"here/..", nullptr},
-      {"out", nullptr},
-      {"out/", nullptr},
-      {"out/secret", nullptr},
-      {"out/../root/file", nullptr},
-      {"out-file", nullptr},
-      {"out-and-in", nullptr},
-      {"dir/out", nullptr},
-      {"absolute", nullptr},
-      {"absolute-root/file", nullptr},
-      {"absolute-out", nullptr},
-      {"slash/etc", nullptr},
-      {"file\0"s, nullptr},
-      {"\0"s, nullptr},
-      {"dir\0/../file"s, nullptr},
-  };
-  for (const Row& row : rows) {
-    const std::string expected = row.file != nullptr ? identity(inside(row.file)) : "none";
-    for (const char* prefix : {"", "/", "///", "./", "dir/../", "dir/nested/../../", "here/"}) {
-      EXPECT_EQ(found(prefix + row.path), expected) << prefix << row.path;
+  // Paths with the file that each leads to.
+  const std::vector<std::string> inner = words(
+      ". .  file file  dir/nested/file dir/nested/file  dir/ dir  dir//nested/// dir/nested "
+      "dir/. dir  dir/.. .  dir/nested/../file dir/file  dir/nested/../../file file "
+      "to-file file  to-dir dir  to-dir/ dir  to-dir/file dir/file  to-dir/../file file "
+      "to-dir-slash/file dir/file  here/here/here/file file  round/file dir/file "
+      "dir/up file  dir/nested/up dir/nested/file");
+  std::vector<std::string> missing = words(
+      "file/ file/. file/.. file/file to-file/ to-file-slash nothing nothing/../file dangling "
+      "loop loop/.. .. ../ ../root/file ../outside/secret dir/../../root here/.. "
+      "to-dir/nested/../../../root/file out out/ out/secret out/../root/file out-file out-and-in "
+      "dir/out absolute absolute-root/file absolute-out slash slash/etc named");
+  missing.insert(missing.end(), {"\0"s, "file\0"s, "dir\0/../file"s});
+  for (const std::string prefix : {"", "/", "///", "./", "dir/../", "dir/nested/../../", "here/"}) {
+    EXPECT_EQ(found(prefix), identity(inside(""))) << prefix;
+    for (size_t i = 0; i < inner.size(); i += 2) {
+      EXPECT_EQ(found(prefix + inner[i]), identity(inside(inner[i + 1]))) << prefix << inner[i];
+    }
+    for (const std::string& path : missing) {
+      EXPECT_EQ(found(prefix + path), "none") << prefix << path;
     }
   }
 }
@@ -272,7 +226,7 @@ TEST_P(FileTreeTest, TellsWhatMayBeRead) {
   const std::vector<Row> rows = {
       {"file", 0, false},         {"dir/file", 0444, true},  {"dir/nested/file", 0111, false},
       {"pipe", 0222, false},      {"open-pipe", 0444, true}, {"dir", 0111, false},
-      {"dir/nested", 0555, true},
+      {"dir/nested", 0505, true},
   };
   for (const char* name : {"pipe", "open-pipe"}) {
     ASSERT_EQ(::mkfifo(inside(name).c_str(), 0600), 0);
@@ -303,48 +257,44 @@ TEST_P(FileTreeTest, FindsNothingOutsideWhileNamesChange) {
   link("out", "../outside");
   link("out-file", "../outside/secret");
   fs::create_directories(inside("home/moving"));
+  fs::create_directory(outside("moving"));
   write(inside("home/file"), "");
   ASSERT_EQ(::mkfifo(inside("pipe").c_str(), 0644), 0);
 
   struct Row {
-    std::string one, other;
-    unsigned how;
+    std::string one, other;  // exchanged over and over
     const char* path;
-    std::vector<std::string> may_be_found;
+    const char* may_be_found;
   };
   const std::vector<Row> rows = {
-      {inside("changing"), inside("out"), RENAME_EXCHANGE, "changing/file", {"changing/file"}},
-      {inside("changing"),
-       inside("out"),
-       RENAME_EXCHANGE,
-       "changing/deep/../file",
-       {"changing/file"}},
-      {inside("file"), inside("out-file"), RENAME_EXCHANGE, "file", {"file"}},
-      {inside("file"), inside("pipe"), RENAME_EXCHANGE, "file", {"file", "pipe"}},
-      {inside("dir/file"),
-       inside("dir/nested/file"),
-       RENAME_EXCHANGE,
-       "dir/file",
-       {"dir/file", "dir/nested/file"}},
-      {inside("home/moving"), outside("moving"), 0, "home/moving/../file", {"home/file"}},
+      {"changing", "out", "changing/file", "changing/file"},
+      {"changing", "out", "changing/deep/../file", "changing/file"},
+      {"file", "out-file", "file", "file"},
+      {"file", "pipe", "file", "file pipe"},
+      {"dir/file", "dir/nested/file", "dir/file", "dir/file dir/nested/file"},
+      {"home/moving", "../outside/moving", "home/moving/../file", "home/file"},
   };
   for (const Row& row : rows) {
     std::vector<std::string> allowed = {"none"};
-    for (const std::string& name : row.may_be_found) allowed.push_back(identity(inside(name)));
+    for (const auto& name : words(row.may_be_found)) allowed.push_back(identity(inside(name)));
     std::atomic<int> changes = 0;
     std::jthread changing([&](const std::stop_token& stop) {
-      while (!stop.stop_requested()) {
-        // There and back.
-        for (int i = 0; i < 2; ++i) {
-          const std::string& from = i == 0 ? row.one : row.other;
-          const std::string& to = i == 0 ? row.other : row.one;
-          if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), row.how) == 0) ++changes;
+      const std::string one = inside(row.one), other = inside(row.other);
+      // An even number of times, so that all is in its place again.
+      for (int i = 0; i % 2 != 0 || !stop.stop_requested(); ++i) {
+        if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
+          ++changes;
         }
       }
     });
     int files = 0;
     for (int i = 0; i < 3000 || (i < 1'000'000 && (files == 0 || changes < 100)); ++i) {
-      const std::string file = found(row.path);
+      const auto status = tree_->find(row.path);
+      const std::string file = identity(status);
+      if (status) {
+        const bool isNamed = (::fcntl(status->file.get(), F_GETFL) & O_PATH) != 0;
+        ASSERT_EQ(isNamed, status->kind != Kind::kRegular) << row.path;
+      }
       ASSERT_NE(std::find(allowed.begin(), allowed.end(), file), allowed.end())
           << row.path << " is " << file;
       files += file != "none";
@@ -383,6 +333,28 @@ TEST_P(FileTreeTest, NoticesAnotherRoot) {
   EXPECT_EQ(at(""), "none");
   for (const std::string& root : {""s, "/\0"s, place + "/missing"}) {
     EXPECT_FALSE(FileTree(root, GetParam()).find("")) << root;
+  }
+}
+
+TEST_P(FileTreeTest, ServesThreadsWhileTheRootChanges) {
+  const std::string place = directory_.path("place"), other = directory_.path("other");
+  fs::create_directory_symlink("root", place);
+  fs::create_directory_symlink("outside", other);
+  const FileTree tree(place, GetParam());
+  const std::string one = identity(inside("file")), two = identity(outside("file"));
+  std::atomic<int> running = 2;
+  const auto look = [&] {
+    for (int i = 0; i < 2000; ++i) {
+      // What is missing has the root examined each time.
+      EXPECT_EQ(identity(tree.find("nothing")), "none");
+      const std::string file = identity(tree.find("file"));
+      EXPECT_TRUE(file == one || file == two) << file;
+    }
+    --running;
+  };
+  const std::jthread first(look), second(look);
+  while (running > 0) {
+    ::renameat2(AT_FDCWD, place.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
   }
 }
 
