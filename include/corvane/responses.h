@@ -81,11 +81,10 @@ class CORVANE_EXPORT VELFileResponse : public VELResponse {
   VELFileResponse();
   ~VELFileResponse() override;
 
-  /// A response with status 200 for a file that is open for reading, of which `size` bytes are sent. What
-  /// stands at `fileURL` is not looked at; the media type is that of the name.
-  /// Owner:   takes over `descriptor`.
-  static std::shared_ptr<VELFileResponse> responseWithDescriptor(int descriptor, uint64_t size,
-                                                                 VELURL fileURL);
+  /// For the library's own use: a response with status 200 for a file that is open for reading, of which
+  /// `size` bytes are sent. What stands at `fileURL` is not looked at; the media type is that of the name.
+  static std::shared_ptr<VELFileResponse> responseWithOpenFile(
+      std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, VELURL fileURL);
 
   const VELURL& fileURL() const { return file_url_; }
   void setFileURL(VELURL fileURL) { file_url_ = std::move(fileURL); }

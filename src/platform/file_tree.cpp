@@ -12,7 +12,9 @@
 #include <utility>
 
 #include "platform/file_tree_walk.h"
+#include "platform/kept_files.h"
 #include "platform/log.h"
+#include "platform/recycled.h"
 
 namespace vel {
 
@@ -30,10 +32,6 @@ using namespace std::chrono_literals;
 constexpr MonotonicTime kExaminationInterval = std::chrono::nanoseconds(100ms).count();
 // Looks at a path that another process keeps changing.
 constexpr int kMostLooks = 8;
-
-bool isSame(const struct stat& a, const struct stat& b) noexcept {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 /// Whether the error says that something else stands at a path where a regular file was.
 bool tellsOfChange(int error) noexcept {
@@ -65,7 +63,9 @@ void describe(const struct stat& status, FoundFile* found) noexcept {
 }  // namespace
 
 FileTree::FileTree(std::string root, Way way)
-    : path_(std::move(root)), uses_kernel_(way == Way::kBest && kernelKeepsBelow()) {}
+    : path_(std::move(root)),
+      uses_kernel_(way == Way::kBest && kernelKeepsBelow()),
+      kept_(std::make_shared<KeptFiles>()) {}
 
 FileTree::~FileTree() = default;
 
@@ -78,7 +78,8 @@ std::optional<FoundFile> FileTree::find(std::string_view path) const {
 
   const std::shared_ptr<const Root> root = currentRoot();
   if (root == nullptr) return std::nullopt;
-  std::optional<FoundFile> found = findBelow(*root, text.data());
+  std::optional<FoundFile> found = findKept(*root, text.data());
+  if (!found) found = findBelow(*root, text.data());
   if (found) return found;
   // Perhaps it is in another directory that has taken the place of the root.
   const std::shared_ptr<const Root> next = examineRoot(root);
@@ -120,37 +121,58 @@ std::shared_ptr<const FileTree::Root> FileTree::examineRoot(
   return known;
 }
 
+// A file that was found a moment ago and has neither gone nor changed. Whether the path leads to it is all
+// that is asked of the path here.
+std::optional<FoundFile> FileTree::findKept(const Root& root, const char* path) const {
+  std::optional<KeptFile> kept = kept_->find(path, &root);
+  struct stat status;
+  if (!kept || ::fstatat(root.directory.get(), path, &status, 0) != 0 ||
+      kept->identity != FileIdentity(status)) {
+    return std::nullopt;
+  }
+  FoundFile found;
+  describe(status, &found);
+  found.is_readable = true;
+  found.file = std::move(kept->file);
+  return found;
+}
+
 std::optional<FoundFile> FileTree::findBelow(const Root& root, const char* path) const {
-  const auto open = uses_kernel_ ? openBelow : walkBelow;
   for (int looks = 0; looks < kMostLooks; ++looks) {
-    Opened named = open(root.directory, path, Access::kLook);
-    if (isShortage(named.error)) logShortage(named.error);
+    Opened named = open(root, path, Access::kLook);
     if (named.error == ESTALE) continue;
     struct stat status;
     if (!named.file || ::fstat(named.file.get(), &status) != 0) return std::nullopt;
     FoundFile found;
     describe(status, &found);
-    found.file = std::move(named.file);
-    if (found.kind != FoundFile::Kind::kRegular) {
-      found.is_readable = uses_kernel_ ? mayRead(found.file, status) : permitsReading(status);
-      return found;
+    if (found.kind == FoundFile::Kind::kRegular) {
+      Opened opened = open(root, path, Access::kRead);
+      if (isShortage(opened.error)) return std::nullopt;
+      // Following the path a second time is quicker than opening the descriptor by its name in /proc,
+      // and needs no /proc. Only a regular file will do.
+      struct stat again;
+      if (opened.file && ::fstat(opened.file.get(), &again) == 0 && S_ISREG(again.st_mode)) {
+        describe(again, &found);
+        found.is_readable = true;
+        found.file = makeRecycled<const FileDescriptor>(std::move(opened.file));
+        kept_->keep(path, &root, {found.file, FileIdentity(again)});
+        return found;
+      }
+      if (opened.file || tellsOfChange(opened.error)) continue;
+    } else {
+      found.is_readable = uses_kernel_ ? mayRead(named.file, status) : permitsReading(status);
     }
-    // Following the path a second time is quicker than opening the descriptor by its name in /proc,
-    // and needs no /proc. Only the same file will do.
-    Opened opened = open(root.directory, path, Access::kRead);
-    if (isShortage(opened.error)) {
-      logShortage(opened.error);
-      return std::nullopt;
-    }
-    if (!opened.file && !tellsOfChange(opened.error)) return found;
-    struct stat again;
-    if (!opened.file || ::fstat(opened.file.get(), &again) != 0 || !isSame(again, status)) continue;
-    describe(again, &found);
-    found.file = std::move(opened.file);
-    found.is_readable = true;
+    found.file = makeRecycled<const FileDescriptor>(std::move(named.file));
     return found;
   }
   return std::nullopt;
+}
+
+Opened FileTree::open(const Root& root, const char* path, Access access) const {
+  Opened opened = uses_kernel_ ? openBelow(root.directory, path, access)
+                               : walkBelow(root.directory, path, access);
+  if (isShortage(opened.error)) logShortage(opened.error);
+  return opened;
 }
 
 }  // namespace vel

@@ -16,13 +16,17 @@
 
 namespace vel {
 
+enum class Access : uint8_t;
+class KeptFiles;
+struct Opened;
+
 /// What stands at a path below a root. Everything told here was asked of `file`.
 struct FoundFile {
   enum class Kind : uint8_t { kRegular, kDirectory, kOther };
 
   /// Open for reading when it is a readable regular file; else it only names what was found, and
-  /// nothing but its status can be had through it. Close-on-exec.
-  FileDescriptor file;
+  /// nothing but its status can be had through it. Close-on-exec. Others may read from it as well.
+  std::shared_ptr<const FileDescriptor> file;
   Kind kind = Kind::kOther;
   bool is_readable = false;
   /// The permission bits, with those above them (07777).
@@ -47,7 +51,7 @@ class FileTree {
 
   /// What stands at `path` relative to the root: "" and "." are the root itself, leading slashes count
   /// for nothing, links and ".." are followed while they stay inside. Pipes, sockets and devices are
-  /// told, but never opened.
+  /// told, but never opened. On a queue, what was found stays open for a second or two.
   /// Errors:  none when nothing is there, when the way leads out of the root, by an absolute link too,
   ///          for a NUL, and without descriptors left, which is logged.
   std::optional<FoundFile> find(std::string_view path) const;
@@ -57,10 +61,13 @@ class FileTree {
 
   std::shared_ptr<const Root> currentRoot() const;
   std::shared_ptr<const Root> examineRoot(std::shared_ptr<const Root> known) const;
+  std::optional<FoundFile> findKept(const Root& root, const char* path) const;
   std::optional<FoundFile> findBelow(const Root& root, const char* path) const;
+  Opened open(const Root& root, const char* path, Access access) const;
 
   const std::string path_;
   const bool uses_kernel_;
+  const std::shared_ptr<KeptFiles> kept_;
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   mutable std::shared_ptr<const Root> root_;

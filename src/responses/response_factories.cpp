@@ -71,12 +71,10 @@ std::shared_ptr<VELResponse> VELResponse::responseWithFileURL(
   return response;
 }
 
-std::shared_ptr<VELFileResponse> VELFileResponse::responseWithDescriptor(int descriptor,
-                                                                         uint64_t size,
-                                                                         VELURL fileURL) {
-  vel::FileDescriptor file(descriptor);
+std::shared_ptr<VELFileResponse> VELFileResponse::responseWithOpenFile(
+    std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, VELURL fileURL) {
   const std::shared_ptr<VELFileResponse> response = vel::makeRecycled<VELFileResponse>();
-  response->file_ = vel::makeRecycled<const vel::FileDescriptor>(std::move(file));
+  response->file_ = std::move(file);
   response->size_ = size;
   response->setStatus(200);
   response->setContentLength(size);

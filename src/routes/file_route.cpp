@@ -53,10 +53,6 @@ VELURL locationOf(const VELURL& root, const std::string& path) {
   return path.empty() ? root : root.URLByAppendingPathComponent(path);
 }
 
-std::shared_ptr<VELResponse> responseWithFile(vel::FileDescriptor file, uint64_t size, VELURL url) {
-  return VELFileResponse::responseWithDescriptor(file.release(), size, std::move(url));
-}
-
 }  // namespace
 
 VELFileRouteDelegate::~VELFileRouteDelegate() = default;
@@ -130,7 +126,7 @@ std::shared_ptr<VELResponse> VELFileRoute::suggestionFor(const Tree& tree, Targe
   vel::FoundFile& file = target->file;
   switch (file.kind) {
     case vel::FoundFile::Kind::kRegular:
-      return responseWithFile(std::move(file.file), file.size, target->url);
+      return VELFileResponse::responseWithOpenFile(std::move(file.file), file.size, target->url);
     case vel::FoundFile::Kind::kOther:
       return std::make_shared<VELNotFoundResponse>();
     case vel::FoundFile::Kind::kDirectory:
@@ -143,7 +139,8 @@ std::shared_ptr<VELResponse> VELFileRoute::suggestionFor(const Tree& tree, Targe
     *target = {std::move(path), target->url.URLByAppendingPathComponent(name), std::move(*index)};
     // An index that is no file is one without bytes.
     const bool hasBytes = file.kind == vel::FoundFile::Kind::kRegular;
-    return responseWithFile(std::move(file.file), hasBytes ? file.size : 0, target->url);
+    return VELFileResponse::responseWithOpenFile(std::move(file.file), hasBytes ? file.size : 0,
+                                                 target->url);
   }
   return std::make_shared<VELForbiddenResponse>();
 }
