@@ -99,7 +99,7 @@ class Place {
     const std::optional<FoundFile> found = tree.find(path);
     if (!found) return std::nullopt;
     struct stat status;
-    require(::fstat(found->file.get(), &status) == 0, "what is found has a descriptor");
+    require(::fstat(found->file->get(), &status) == 0, "what is found has a descriptor");
     std::string content;
     if (found->kind == FoundFile::Kind::kRegular) {
       content.resize(found->size);

@@ -82,12 +82,14 @@ class CORVANE_EXPORT VELFileResponse : public VELResponse {
   ~VELFileResponse() override;
 
   /// For the library's own use: a response with status 200 for a file that is open for reading, of which
-  /// `size` bytes are sent. What stands at `fileURL` is not looked at; the media type is that of the name.
+  /// `size` bytes are sent. What stands at `path` below `directory` is not looked at; the media type is that
+  /// of the name.
   static std::shared_ptr<VELFileResponse> responseWithOpenFile(
-      std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, VELURL fileURL);
+      std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, const VELURL& directory,
+      std::string path);
 
-  const VELURL& fileURL() const { return file_url_; }
-  void setFileURL(VELURL fileURL) { file_url_ = std::move(fileURL); }
+  const VELURL& fileURL() const;
+  void setFileURL(VELURL fileURL);
 
   /// Shape:   a copy opens the file anew, unless it is open: then both read the same one, each from its own
   ///          position.
@@ -105,7 +107,9 @@ class CORVANE_EXPORT VELFileResponse : public VELResponse {
  private:
   bool openFile();
 
-  VELURL file_url_;
+  // Where the file is: `path_` below it, until somebody asks for the whole.
+  mutable VELURL file_url_;
+  mutable std::string path_;
   // None before the first read.
   std::shared_ptr<const vel::FileDescriptor> file_;
   // When the file was opened. 0 also for files that the kernel makes up as they are read.

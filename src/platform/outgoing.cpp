@@ -39,13 +39,11 @@ size_t Outgoing::gather(const VELData& data) {
   const size_t length = data.length();
   const FileRegion* region = FileRegion::of(data);
   if (region == nullptr) {
-    gather_.insert(gather_.end(), data.bytes(), data.bytes() + length);
+    gather_.append(data.bytes(), length);
     return length;
   }
-  const size_t begin = gather_.size();
-  gather_.resize(begin + length);
-  const size_t read = region->read(0, gather_.data() + begin, length);
-  gather_.resize(begin + read);
+  const size_t read = region->read(0, gather_.room(length), length);
+  gather_.add(read);
   return read;
 }
 
@@ -113,7 +111,7 @@ MonotonicTime Outgoing::due(MonotonicTime now) {
 }
 
 void Outgoing::copyTo(std::string* text) const {
-  text->append(gather_.begin() + static_cast<ptrdiff_t>(gather_sent_), gather_.end());
+  text->append(reinterpret_cast<const char*>(gather_.data()) + gather_sent_, gathered());
   size_t sent = item_sent_;
   for (size_t i = first_item_; i < items_.size(); ++i, sent = 0) {
     text->append(items_[i].data.view().substr(sent));
@@ -136,11 +134,11 @@ void Outgoing::clear() noexcept {
 
 void Outgoing::shrink() {
   if (gather_sent_ > 0) {
-    gather_.erase(gather_.begin(), gather_.begin() + static_cast<ptrdiff_t>(gather_sent_));
+    gather_.erase(gather_sent_);
     gather_base_ += gather_sent_;
     gather_sent_ = 0;
   }
-  if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrink_to_fit();
+  if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrinkToFit();
   if (first_mark_ > marks_.size() / 2) {
     marks_.erase(marks_.begin(), marks_.begin() + static_cast<ptrdiff_t>(first_mark_));
     first_mark_ = 0;

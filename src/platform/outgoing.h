@@ -6,13 +6,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "corvane/data.h"
 #include "platform/clock.h"
+#include "platform/growing_buffer.h"
 
 namespace vel {
 
@@ -89,24 +88,10 @@ class Outgoing {
     MonotonicTime due;
   };
 
-  // Bytes that are about to be overwritten are not set to zero before.
-  template <class T>
-  struct UninitialisedAllocator : std::allocator<T> {
-    template <class U>
-    struct rebind {
-      using other = UninitialisedAllocator<U>;
-    };
-    void construct(T* place) noexcept { ::new (static_cast<void*>(place)) T; }
-    template <class... Arguments>
-    void construct(T* place, Arguments&&... arguments) {
-      ::new (static_cast<void*>(place)) T(std::forward<Arguments>(arguments)...);
-    }
-  };
-
   size_t gathered() const noexcept { return gather_.size() - gather_sent_; }
   size_t gather(const VELData& data);
 
-  std::vector<uint8_t, UninitialisedAllocator<uint8_t>> gather_;
+  GrowingBuffer gather_;
   size_t gather_sent_ = 0;
   uint64_t gather_base_ = 0;  // bytes that left the buffer before its present content
   std::vector<Mark> marks_;

@@ -122,10 +122,7 @@ std::string VELURL::lastPathComponent() const {
 }
 
 std::string VELURL::pathExtension() const {
-  const std::string name = lastPathComponent();
-  const size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0 || dot + 1 == name.size()) return {};
-  return name.substr(dot + 1);
+  return std::string(vel::pathExtension(lastPathComponent()));
 }
 
 std::vector<VELURLQueryItem> VELURL::queryItems() const {

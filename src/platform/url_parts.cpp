@@ -134,4 +134,11 @@ std::string_view decodedPath(const URLParts& parts, std::string* scratch) {
   return path;
 }
 
+std::string_view pathExtension(std::string_view path) noexcept {
+  const std::string_view name = path.substr(path.rfind('/') + 1);
+  const size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0) return {};
+  return name.substr(dot + 1);
+}
+
 }  // namespace vel

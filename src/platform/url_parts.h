@@ -43,4 +43,8 @@ bool splitURL(std::string_view text, URLParts* out) noexcept;
 /// decode, into `scratch`.
 std::string_view decodedPath(const URLParts& parts, std::string* scratch);
 
+/// What follows the last "." of the last component of a decoded path, unless that "." is the first or last
+/// character of the component.
+std::string_view pathExtension(std::string_view path) noexcept;
+
 }  // namespace vel

@@ -23,10 +23,23 @@ VELData readPiece(const vel::FileDescriptor& file, uint64_t position, uint64_t l
 VELFileResponse::VELFileResponse() = default;
 VELFileResponse::~VELFileResponse() = default;
 
+const VELURL& VELFileResponse::fileURL() const {
+  if (!path_.empty()) {
+    file_url_ = file_url_.URLByAppendingPathComponent(path_);
+    path_.clear();
+  }
+  return file_url_;
+}
+
+void VELFileResponse::setFileURL(VELURL fileURL) {
+  file_url_ = std::move(fileURL);
+  path_.clear();
+}
+
 std::shared_ptr<VELResponse> VELFileResponse::copy() const {
   auto copy = std::make_shared<VELFileResponse>();
   copyPropertiesTo(*copy);
-  copy->file_url_ = file_url_;
+  copy->file_url_ = fileURL();
   copy->file_ = file_;
   copy->size_ = size_;
   copy->position_ = offset();
@@ -61,7 +74,7 @@ void VELFileResponse::connectionDidClose() { file_.reset(); }
 
 bool VELFileResponse::openFile() {
   if (file_) return true;
-  vel::FileDescriptor file = vel::openForReading(file_url_.filePath());
+  vel::FileDescriptor file = vel::openForReading(fileURL().filePath());
   if (!file) return false;
   size_ = vel::fileSize(file).value_or(0);
   file_ = std::make_shared<const vel::FileDescriptor>(std::move(file));

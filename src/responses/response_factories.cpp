@@ -8,6 +8,7 @@
 #include "platform/file.h"
 #include "platform/media_types.h"
 #include "platform/recycled.h"
+#include "platform/url_parts.h"
 #include "platform/utf8.h"
 #include "responses/content_types.h"
 #include "responses/text_encoding.h"
@@ -23,13 +24,11 @@ std::string decimalText(uint64_t number) {
 /// What is known about a file of this kind, else what the table says about the name as it stands, else
 /// nothing: an unknown file is not announced as application/octet-stream. The table's own answers stand
 /// before those of the system, which differ from one to the next.
-std::optional<std::string> contentTypeOfFile(const VELURL& fileURL, bool exists) {
-  const std::string extension = fileURL.pathExtension();
+std::optional<std::string> contentTypeOfFile(std::string_view extension, bool exists) {
   if (extension.empty()) return std::nullopt;
-  std::optional<std::string_view> type;
-  if (exists) type = vel::contentTypeForFileExtension(vel::lowercased(extension));
+  std::optional<std::string_view> type = vel::contentTypeForFileExtension(extension);
+  if (exists && !type) type = vel::contentTypeForFileExtension(vel::lowercased(extension));
   if (exists && !type) type = vel::MediaTypes::system().typeForExtension(extension);
-  if (!type) type = vel::contentTypeForFileExtension(extension);
   if (!type) return std::nullopt;
   return std::string(*type);
 }
@@ -66,21 +65,23 @@ std::shared_ptr<VELResponse> VELResponse::responseWithFileURL(
   response->setStatus(status);
   const std::optional<uint64_t> size = vel::fileSize(fileURL.filePath());
   if (size) response->setContentLength(*size);
-  if (!contentType) contentType = contentTypeOfFile(fileURL, size.has_value());
+  if (!contentType) contentType = contentTypeOfFile(fileURL.pathExtension(), size.has_value());
   if (contentType) response->setContentType(std::move(contentType));
   return response;
 }
 
 std::shared_ptr<VELFileResponse> VELFileResponse::responseWithOpenFile(
-    std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, VELURL fileURL) {
+    std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, const VELURL& directory,
+    std::string path) {
   const std::shared_ptr<VELFileResponse> response = vel::makeRecycled<VELFileResponse>();
   response->file_ = std::move(file);
   response->size_ = size;
   response->setStatus(200);
   response->setContentLength(size);
-  std::optional<std::string> contentType = contentTypeOfFile(fileURL, true);
+  std::optional<std::string> contentType = contentTypeOfFile(vel::pathExtension(path), true);
   if (contentType) response->setContentType(std::move(contentType));
-  response->file_url_ = std::move(fileURL);
+  response->file_url_ = directory;
+  response->path_ = std::move(path);
   return response;
 }
 

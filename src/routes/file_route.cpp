@@ -10,15 +10,17 @@
 
 struct VELFileRoute::Tree {
   explicit Tree(VELURL url) : root_url(std::move(url)), files(root_url.filePath()) {}
+  VELURL locationOf(const std::string& path) const {
+    return path.empty() ? root_url : root_url.URLByAppendingPathComponent(path);
+  }
 
   const VELURL root_url;
   const vel::FileTree files;
 };
 
-// What was found, and where: relative to the root, and in full.
+// What was found, and where, relative to the root.
 struct VELFileRoute::Target {
   std::string path;
-  VELURL url;
   vel::FoundFile file;
 };
 
@@ -47,10 +49,6 @@ std::optional<std::string> pathBelow(const std::string& root, std::string filePa
   if (!prefix.ends_with('/')) prefix += '/';
   if (!filePath.starts_with(prefix)) return std::nullopt;
   return filePath.substr(prefix.size());
-}
-
-VELURL locationOf(const VELURL& root, const std::string& path) {
-  return path.empty() ? root : root.URLByAppendingPathComponent(path);
 }
 
 }  // namespace
@@ -86,12 +84,12 @@ void VELFileRoute::evaluateWithRequest(std::shared_ptr<VELRequest> request,
   if (!file || !file->is_readable) {
     return responseHandler(std::make_shared<VELNotFoundResponse>());
   }
-  VELURL url = locationOf(served->root_url, path);
   // Who has replaced the decision gets to know the location only; the rest looks no second time.
   if (typeid(*this) != typeid(VELFileRoute)) {
-    return decideResponseForFileAtURL(url, std::move(request), std::move(responseHandler));
+    return decideResponseForFileAtURL(served->locationOf(path), std::move(request),
+                                      std::move(responseHandler));
   }
-  decide(*served, {std::move(path), std::move(url), std::move(*file)}, std::move(request),
+  decide(*served, {std::move(path), std::move(*file)}, std::move(request),
          std::move(responseHandler));
 }
 
@@ -104,7 +102,7 @@ void VELFileRoute::decideResponseForFileAtURL(const VELURL& fileURL,
   if (served) path = pathBelow(served->root_url.filePath(), fileURL.filePath());
   if (path) file = served->files.find(*path);
   if (!file) return responseHandler(std::make_shared<VELNotFoundResponse>());
-  decide(*served, {std::move(*path), fileURL, std::move(*file)}, std::move(request),
+  decide(*served, {std::move(*path), std::move(*file)}, std::move(request),
          std::move(responseHandler));
 }
 
@@ -115,18 +113,22 @@ void VELFileRoute::decide(const Tree& tree, Target target, std::shared_ptr<VELRe
     suggestion = std::make_shared<VELForbiddenResponse>();
   }
   if (const std::shared_ptr<VELFileRouteDelegate> reviewer = delegate()) {
-    return reviewer->fileRouteDecideResponseForFileAtURL(
-        *this, target.url, std::move(request), std::move(suggestion), std::move(responseHandler));
+    return reviewer->fileRouteDecideResponseForFileAtURL(*this, tree.locationOf(target.path),
+                                                         std::move(request), std::move(suggestion),
+                                                         std::move(responseHandler));
   }
   responseHandler(std::move(suggestion));
 }
 
 // Goes on from a directory to its index file.
 std::shared_ptr<VELResponse> VELFileRoute::suggestionFor(const Tree& tree, Target* target) const {
-  vel::FoundFile& file = target->file;
-  switch (file.kind) {
+  const auto responseWithFile = [&](uint64_t size) {
+    return VELFileResponse::responseWithOpenFile(target->file.file, size, tree.root_url,
+                                                 target->path);
+  };
+  switch (target->file.kind) {
     case vel::FoundFile::Kind::kRegular:
-      return VELFileResponse::responseWithOpenFile(std::move(file.file), file.size, target->url);
+      return responseWithFile(target->file.size);
     case vel::FoundFile::Kind::kOther:
       return std::make_shared<VELNotFoundResponse>();
     case vel::FoundFile::Kind::kDirectory:
@@ -136,11 +138,10 @@ std::shared_ptr<VELResponse> VELFileRoute::suggestionFor(const Tree& tree, Targe
     std::string path = target->path.empty() ? name : target->path + "/" + name;
     std::optional<vel::FoundFile> index = tree.files.find(path);
     if (!index || !index->is_readable) continue;
-    *target = {std::move(path), target->url.URLByAppendingPathComponent(name), std::move(*index)};
+    *target = {std::move(path), std::move(*index)};
     // An index that is no file is one without bytes.
-    const bool hasBytes = file.kind == vel::FoundFile::Kind::kRegular;
-    return VELFileResponse::responseWithOpenFile(std::move(file.file), hasBytes ? file.size : 0,
-                                                 target->url);
+    const bool hasBytes = target->file.kind == vel::FoundFile::Kind::kRegular;
+    return responseWithFile(hasBytes ? target->file.size : 0);
   }
   return std::make_shared<VELForbiddenResponse>();
 }

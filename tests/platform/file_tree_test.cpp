@@ -48,7 +48,7 @@ std::string identity(const std::string& path) {
 }
 std::string identity(const std::optional<FoundFile>& found) {
   struct stat status;
-  return found && ::fstat(found->file.get(), &status) == 0 ? identity(status) : "none";
+  return found && ::fstat(found->file->get(), &status) == 0 ? identity(status) : "none";
 }
 
 std::vector<std::string> words(const std::string& text) {
@@ -200,17 +200,17 @@ TEST_P(FileTreeTest, OpensRegularFilesOnly) {
   EXPECT_EQ(odd->mode, 06751U);
   EXPECT_EQ(odd->size, 5U);
   char bytes[8];
-  EXPECT_EQ(readAt(odd->file, bytes, 8, 0), 5);
-  EXPECT_EQ(::fcntl(odd->file.get(), F_GETFL) & (O_ACCMODE | O_PATH), O_RDONLY);
-  EXPECT_EQ(::fcntl(odd->file.get(), F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(readAt(*odd->file, bytes, 8, 0), 5);
+  EXPECT_EQ(::fcntl(odd->file->get(), F_GETFL) & (O_ACCMODE | O_PATH), O_RDONLY);
+  EXPECT_EQ(::fcntl(odd->file->get(), F_GETFD), FD_CLOEXEC);
 
   for (const char* name : {"pipe", "to-pipe", "socket", "dir", ""}) {
     const auto other = tree_->find(name);
     ASSERT_TRUE(other) << name;
     EXPECT_EQ(other->kind, name[0] == 'd' || name[0] == 0 ? Kind::kDirectory : Kind::kOther);
     EXPECT_TRUE(other->is_readable) << name;
-    EXPECT_NE(::fcntl(other->file.get(), F_GETFL) & O_PATH, 0) << name;
-    EXPECT_EQ(::fcntl(other->file.get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_NE(::fcntl(other->file->get(), F_GETFL) & O_PATH, 0) << name;
+    EXPECT_EQ(::fcntl(other->file->get(), F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(::open(inside("pipe").c_str(), O_WRONLY | O_NONBLOCK), -1) << "nobody reads it";
     EXPECT_EQ(errno, ENXIO);
   }
@@ -292,7 +292,7 @@ TEST_P(FileTreeTest, FindsNothingOutsideWhileNamesChange) {
       const auto status = tree_->find(row.path);
       const std::string file = identity(status);
       if (status) {
-        const bool isNamed = (::fcntl(status->file.get(), F_GETFL) & O_PATH) != 0;
+        const bool isNamed = (::fcntl(status->file->get(), F_GETFL) & O_PATH) != 0;
         ASSERT_EQ(isNamed, status->kind != Kind::kRegular) << row.path;
       }
       ASSERT_NE(std::find(allowed.begin(), allowed.end(), file), allowed.end())
