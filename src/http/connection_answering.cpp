@@ -24,6 +24,12 @@ bool yieldsSocket(const VELResponse& response) {
   return dynamic_cast<const VELSocketYieldResponse*>(&response) != nullptr;
 }
 
+// The "Range" field, where the answer may be one in part.
+std::optional<std::string_view> rangeField(const MessageHead& head, const VELResponse& response) {
+  const auto range = head.field(KnownField::kRange);
+  return range && takesRanges(head.method(), response.status()) ? range : std::nullopt;
+}
+
 // Whether the answer comes before the client has sent all of its request.
 bool mayLeaveInput(FixedAnswer answer, const MessageHead& head) {
   if (answer == FixedAnswer::kResourceNotFound) {
@@ -96,13 +102,17 @@ void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
       });
 }
 
-// The client is left waiting, but may go: its end is noticed by reading on.
 void ConnectionEngine::answerWillNotCome() {
   queue_->async([engine = self()] {
     if (!engine->exchange_ || engine->exchange_->phase != Exchange::Phase::kEvaluating) return;
-    engine->exchange_->phase = Exchange::Phase::kAbandoned;
-    engine->waitForEnd();
+    engine->abandon();
   });
+}
+
+// The client is left waiting, but may go: its end is noticed by reading on.
+void ConnectionEngine::abandon() {
+  exchange_->phase = Exchange::Phase::kAbandoned;
+  waitForEnd();
 }
 
 void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
@@ -133,10 +143,11 @@ void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
 void ConnectionEngine::sendResponse() {
   Exchange& exchange = *exchange_;
   exchange.phase = Exchange::Phase::kSending;
-  exchange.status = exchange.response->status();
+  const MessageHead& head = std::as_const(*exchange.request).head();
   exchange.transmitter.emplace(*socket_, *exchange.response, exchange.configuration->limits,
-                               exchange.sent);
-  didProgress(exchange.transmitter->begin(asksForHeadOnly(exchange.request->head().method())));
+                               exchange.sent, rangeField(head, *exchange.response));
+  exchange.status = exchange.transmitter->status();
+  didProgress(exchange.transmitter->begin(asksForHeadOnly(head.method())));
 }
 
 void ConnectionEngine::sendFixedAnswer(FixedAnswer answer, const VELError* error) {
@@ -162,8 +173,12 @@ void ConnectionEngine::socketDidWriteDataWithTag(VELSocket& /*socket*/, int64_t 
   }
 }
 
-void ConnectionEngine::didProgress(Transmitter::Progress progress) {
-  if (progress == Transmitter::Progress::kFinished) finishAnswer();
+void ConnectionEngine::didProgress(Progress progress) {
+  if (progress == Progress::kFinished) {
+    finishAnswer();
+  } else if (progress == Progress::kStranded) {
+    abandon();
+  }
 }
 
 void ConnectionEngine::finishAnswer() {

@@ -87,7 +87,8 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort {
                         const std::optional<VELError>& error);
   void sendResponse();
   void sendFixedAnswer(FixedAnswer answer, const VELError* error = nullptr);
-  void didProgress(Transmitter::Progress progress);
+  void didProgress(Progress progress);
+  void abandon();
   void finishAnswer();
   void finishAnswerAndClose();
   void tellResponseThatItIsDone();

@@ -34,6 +34,7 @@ struct ReportFacts {
 /// | body       | the body is complete            | evaluating                             |
 /// | evaluating | the answer has come             | sending                                |
 /// | sending    | the last write, or no more data | (the exchange ends)                    |
+/// | sending    | no more data within a range     | abandoned: until the client goes       |
 /// | any        | a fixed answer                  | sending                                |
 /// | evaluating | the route drops its handler     | abandoned: until the client goes       |
 /// | any        | an exception                    | abandoned: an answer comes too late    |

@@ -6,6 +6,7 @@
 
 #include "http/habits.h"
 #include "http/tags.h"
+#include "http/transmitter.h"
 
 namespace vel {
 
@@ -54,17 +55,16 @@ void writeFixedAnswer(FixedAnswer answer, const VELError* error, const VELLimits
   if (error != nullptr) head.setOwnField("Content-Type", "text/plain");
   if (row.closes) head.setOwnField("Connection", "close");
   completeHead({}, &head);
+  AnswerWriter writer(*socket, limits, *sent);
   if (body.empty()) {
-    writeHead(head, tag, limits, socket, sent);
+    writer.writeHead(head, tag);
     return;
   }
   std::string message;
   message.reserve(head.size() + body.size());
   head.appendTo(&message);
   message.append(body);
-  sent->all += message.size();
-  sent->body += body.size();
-  socket->writeData(VELData(std::move(message)), limits.headWriteTimeout, tag);
+  writer.writeHeadWithBody(VELData(std::move(message)), body.size(), tag);
 }
 
 }  // namespace vel

@@ -8,7 +8,7 @@
 #include "corvane/error.h"
 #include "corvane/limits.h"
 #include "corvane/socket.h"
-#include "http/transmitter.h"
+#include "http/answer_writer.h"
 
 namespace vel {
 

@@ -63,6 +63,32 @@ bool asksForHeadOnly(std::string_view method) noexcept { return method == "HEAD"
 
 std::string_view chunkedCodingName() noexcept { return "Chunked"; }
 
+bool takesRanges(std::string_view /*method*/, uint64_t /*status*/) noexcept { return true; }
+
+std::optional<VELRange> rangeOfSingleNumber(uint64_t number, uint64_t contentLength) noexcept {
+  if (number >= contentLength) return std::nullopt;
+  return VELRange{number, 1};
+}
+
+std::optional<VELRange> rangeBetween(uint64_t first, uint64_t last,
+                                     uint64_t contentLength) noexcept {
+  if (last < first || last >= contentLength) return std::nullopt;
+  return VELRange{first, last - first + 1};
+}
+
+std::optional<VELRange> rangeOfSuffix(uint64_t length, uint64_t contentLength) noexcept {
+  if (length > contentLength) return std::nullopt;
+  return VELRange{contentLength - length, length};
+}
+
+uint64_t partialStatus(uint64_t /*status*/) noexcept { return 206; }
+
+uint64_t statusWithoutRanges(uint64_t status) noexcept { return status; }
+
+uint64_t missingLength(VELRange range, uint64_t offset) noexcept {
+  return range.location - offset + range.length;
+}
+
 uint64_t serverErrorContentLength(uint64_t /*bodyLength*/) noexcept { return 0; }
 
 }  // namespace vel

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "corvane/limits.h"
+#include "corvane/range.h"
 #include "corvane/route.h"
 
 namespace vel {
@@ -49,6 +50,34 @@ bool asksForHeadOnly(std::string_view method) noexcept;
 
 /// The value of "Transfer-Encoding" in an answer in chunks.
 std::string_view chunkedCodingName() noexcept;
+
+/// Whether the "Range" field of a request is looked at: whatever its method, and whatever the status
+/// of the answer.
+bool takesRanges(std::string_view method, uint64_t status) noexcept;
+
+/// The range that a number without a hyphen asks for: the one byte there.
+std::optional<VELRange> rangeOfSingleNumber(uint64_t number, uint64_t contentLength) noexcept;
+
+/// The range from `first` to `last`, both included. A last position beyond the body is refused, not
+/// moved to its end.
+std::optional<VELRange> rangeBetween(uint64_t first, uint64_t last,
+                                     uint64_t contentLength) noexcept;
+
+/// The range of the last `length` bytes, be it none. A suffix longer than the body is refused.
+std::optional<VELRange> rangeOfSuffix(uint64_t length, uint64_t contentLength) noexcept;
+
+/// The status of an answer in part: 206, whatever the response's.
+uint64_t partialStatus(uint64_t status) noexcept;
+
+/// The status of an answer to ranges that were refused: the response's own, and the body is sent
+/// whole. There is no 416.
+uint64_t statusWithoutRanges(uint64_t status) noexcept;
+
+/// How many bytes of `range` are taken to be missing once the response has been read: told by its
+/// offset alone, which reading does not move in the library's own kinds. So a range that needs more
+/// than one piece is read on beyond its end until no data comes, and only a response that moves its
+/// offset gets to the next range.
+uint64_t missingLength(VELRange range, uint64_t offset) noexcept;
 
 /// What "Content-Length" says in the answer to a failed request, whose body is `bodyLength` bytes:
 /// 0.

@@ -17,7 +17,7 @@ inline constexpr int64_t kTrailerLineTag = 15;
 inline constexpr int64_t kUnwantedTag = 16;
 
 // Writes.
-/// The head of an answer with a body. Nothing follows from its completion.
+/// The head of an answer with a body, or of a part of it. Nothing follows from its completion.
 inline constexpr int64_t kHeadTag = 21;
 /// A plain piece that is not the last: the next one follows.
 inline constexpr int64_t kPlainPieceTag = 22;
@@ -27,6 +27,10 @@ inline constexpr int64_t kSizeLineTag = 30;
 inline constexpr int64_t kChunkTag = 31;
 /// The CR LF of a chunk that is not the last: the next one follows.
 inline constexpr int64_t kChunkCloseTag = 32;
+/// A piece of a single range that is not the last: the next one follows.
+inline constexpr int64_t kRangePieceTag = 40;
+/// A piece of one of several ranges: the next one follows, the next part, or the closing delimiter.
+inline constexpr int64_t kPartPieceTag = 50;
 /// The last write of an answer: what comes next is decided.
 inline constexpr int64_t kLastTag = 90;
 /// The last write of an answer after which the connection closes.

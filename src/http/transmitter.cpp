@@ -1,26 +1,17 @@
 #include "http/transmitter.h"
 
 #include <array>
-#include <charconv>
-#include <chrono>
 #include <cstring>
-#include <string>
 #include <utility>
+#include <vector>
 
 #include "http/habits.h"
+#include "http/range_bodies.h"
+#include "http/range_request.h"
 #include "http/tags.h"
 #include "platform/http_date.h"
 
 namespace vel {
-
-namespace {
-
-// A slow reader is never cut off in the middle of a body.
-constexpr std::chrono::milliseconds kNoTimeout{-1};
-// What is put together on the stack.
-constexpr size_t kSmallAnswer = 1024;
-
-}  // namespace
 
 void completeHead(std::span<const VELHeaderField> fields, ResponseHeadBuilder* head) {
   head->setOwnField("Date", httpDateNow());
@@ -28,135 +19,67 @@ void completeHead(std::span<const VELHeaderField> fields, ResponseHeadBuilder* h
   head->setFields(fields);
 }
 
-void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& limits,
-               VELSocket* socket, SentBytes* sent) {
-  const size_t size = head.size();
-  sent->all += size;
-  std::array<char, kSmallAnswer> buffer;
-  if (size <= buffer.size()) {
-    head.writeTo(buffer.data());
-    socket->writeData(VELData::dataWithBorrowedBytes(buffer.data(), size), limits.headWriteTimeout,
-                      tag);
-  } else {
-    socket->writeData(head.data(), limits.headWriteTimeout, tag);
+Transmitter::Transmitter(VELSocket& socket, VELResponse& response, const VELLimits& limits,
+                         SentBytes& sent, std::optional<std::string_view> range)
+    : writer_(socket, limits, sent),
+      response_(response),
+      status_(response.status()),
+      loops_(std::in_place_type<PlainBody>, writer_, response),
+      loop_(std::get_if<PlainBody>(&loops_)) {
+  if (response.isChunked()) {
+    loop_ = &loops_.emplace<ChunkedBody>(writer_, response);
+  } else if (range) {
+    chooseRangeLoop(*range);
   }
 }
 
-ChunkSizeLine::ChunkSizeLine(uint64_t length) noexcept {
-  char* end = std::to_chars(text_, text_ + kLongest - 2, length, 16).ptr;
-  *end++ = '\r';
-  *end++ = '\n';
-  length_ = static_cast<size_t>(end - text_);
-}
-
-std::string_view chunkedFooter() noexcept { return "\r\n0\r\n\r\n"; }
-
-Transmitter::Strategy Transmitter::chooseStrategy() const {
-  return response_.isChunked() ? Strategy::kChunked : Strategy::kPlain;
-}
-
-Transmitter::Progress Transmitter::begin(bool headOnly) {
-  strategy_ = chooseStrategy();
-  const bool isChunked = strategy_ == Strategy::kChunked;
-  const uint64_t length = isChunked ? 0 : response_.contentLength();
-  ResponseHeadBuilder head(response_.status(), response_.statusDescription());
-  if (isChunked) {
-    head.setOwnField("Transfer-Encoding", chunkedCodingName());
-  } else {
-    head.setContentLength(length);
+void Transmitter::chooseRangeLoop(std::string_view range) {
+  std::vector<VELRange> ranges = requestedRanges(range, response_.contentLength());
+  if (ranges.empty()) {
+    status_ = statusWithoutRanges(status_);
+    return;
   }
+  is_in_part_ = true;
+  status_ = partialStatus(status_);
+  loop_ =
+      loops_
+          .emplace<std::unique_ptr<BodyLoop>>(makeRangeLoop(writer_, response_, std::move(ranges)))
+          .get();
+}
+
+Progress Transmitter::begin(bool headOnly) {
+  std::optional<std::string_view> description;
+  if (!is_in_part_) description = response_.statusDescription();
+  ResponseHeadBuilder head(status_, description);
+  loop_->describe(&head);
   completeHead(response_.headerFields(), &head);
-  if (headOnly || (length == 0 && !isChunked)) {
-    writeHead(head, kLastTag, limits_, &socket_, &sent_);
+  if (headOnly || (response_.contentLength() == 0 && !response_.isChunked())) {
+    writer_.writeHead(head, kLastTag);
     return Progress::kUnderWay;
   }
   if (head.size() > kSmallAnswer) {
-    writeHead(head, kHeadTag, limits_, &socket_, &sent_);
-    return sendNextPiece();
+    writer_.writeHead(head, kHeadTag);
+    return loop_->sendFirst(loop_->readFirst());
   }
   return sendWithFirstPiece(head);
 }
 
 // Most answers are small: one write carries them whole. The head is put down first: what it is made of may
 // change while the response is read.
-Transmitter::Progress Transmitter::sendWithFirstPiece(const ResponseHeadBuilder& head) {
+Progress Transmitter::sendWithFirstPiece(const ResponseHeadBuilder& head) {
   std::array<char, kSmallAnswer> buffer;
-  const char* const head_end = head.writeTo(buffer.data());
-  auto length = static_cast<size_t>(head_end - buffer.data());
-  VELData piece = response_.readDataOfLength(limits_.bodyPiece);
-  const bool is_last = !piece.isEmpty() && response_.isFinished();
-  const bool is_whole =
-      is_last && strategy_ == Strategy::kPlain && piece.length() <= buffer.size() - length;
-  if (is_whole) {
-    std::memcpy(buffer.data() + length, piece.bytes(), piece.length());
-    length += piece.length();
-    sent_.body += piece.length();
+  const char* const end = head.writeTo(buffer.data());
+  const auto length = static_cast<size_t>(end - buffer.data());
+  BodyPiece piece = loop_->readFirst();
+  if (piece.is_last && piece.data.length() <= buffer.size() - length) {
+    const size_t bodyLength = piece.data.length();
+    std::memcpy(buffer.data() + length, piece.data.bytes(), bodyLength);
+    writer_.writeHeadWithBody(VELData::dataWithBorrowedBytes(buffer.data(), length + bodyLength),
+                              bodyLength, kLastTag);
+    return Progress::kUnderWay;
   }
-  sent_.all += length;
-  socket_.writeData(VELData::dataWithBorrowedBytes(buffer.data(), length), limits_.headWriteTimeout,
-                    is_whole ? kLastTag : kHeadTag);
-  return is_whole ? Progress::kUnderWay : sendPiece(std::move(piece), is_last);
-}
-
-Transmitter::Progress Transmitter::didWrite(int64_t tag) {
-  switch (tag) {
-    case kPlainPieceTag:
-      in_flight_ = 0;
-      return sendNextPiece();
-    case kChunkTag:
-      in_flight_ = 0;
-      return Progress::kUnderWay;
-    case kChunkCloseTag:
-      return sendNextPiece();
-    default:
-      return Progress::kUnderWay;
-  }
-}
-
-Transmitter::Progress Transmitter::sendNextPiece() {
-  if (in_flight_ >= limits_.bodyPiece) return Progress::kUnderWay;
-  VELData piece = response_.readDataOfLength(limits_.bodyPiece - in_flight_);
-  const bool is_last = !piece.isEmpty() && response_.isFinished();
-  return sendPiece(std::move(piece), is_last);
-}
-
-Transmitter::Progress Transmitter::sendPiece(VELData piece, bool is_last) {
-  if (piece.isEmpty()) return bodyRanDry();
-  in_flight_ += piece.length();
-  if (strategy_ == Strategy::kChunked) {
-    sendChunk(std::move(piece), is_last);
-  } else {
-    writeBody(std::move(piece), is_last ? kLastTag : kPlainPieceTag);
-  }
-  return Progress::kUnderWay;
-}
-
-// A read without data ends the answer, whatever was announced: a plain body stays short, and a body
-// in chunks is left without its footer. The client is told only by the end of the connection, if it
-// ends.
-Transmitter::Progress Transmitter::bodyRanDry() const { return Progress::kFinished; }
-
-void Transmitter::sendChunk(VELData piece, bool is_last) {
-  const ChunkSizeLine sizeLine(piece.length());
-  writeControl(VELData::dataWithBorrowedBytes(sizeLine.view().data(), sizeLine.view().size()),
-               kSizeLineTag);
-  writeBody(std::move(piece), kChunkTag);
-  if (is_last) {
-    writeControl(VELData::dataWithStaticBytes(chunkedFooter()), kLastTag);
-  } else {
-    writeControl(VELSocket::CRLFData(), kChunkCloseTag);
-  }
-}
-
-void Transmitter::writeControl(VELData data, int64_t tag) {
-  sent_.all += data.length();
-  socket_.writeData(std::move(data), limits_.headWriteTimeout, tag);
-}
-
-void Transmitter::writeBody(VELData piece, int64_t tag) {
-  sent_.all += piece.length();
-  sent_.body += piece.length();
-  socket_.writeData(std::move(piece), kNoTimeout, tag);
+  writer_.writeFrame({buffer.data(), length}, kHeadTag);
+  return loop_->sendFirst(std::move(piece));
 }
 
 }  // namespace vel

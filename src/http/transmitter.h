@@ -2,101 +2,69 @@
 // comes after it, is left to the connection.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <span>
 #include <string_view>
+#include <variant>
 
-#include "corvane/data.h"
 #include "corvane/limits.h"
 #include "corvane/response.h"
 #include "corvane/socket.h"
+#include "http/answer_writer.h"
+#include "http/body_loop.h"
 #include "http/head_serialiser.h"
+#include "http/whole_bodies.h"
 
 namespace vel {
-
-/// What was handed to the socket for one answer.
-struct SentBytes {
-  uint64_t all = 0;
-  uint64_t body = 0;
-};
 
 /// Adds to a head what every answer has: "Date", "Accept-Ranges", and then the answer's own fields,
 /// which replace what stands there already.
 void completeHead(std::span<const VELHeaderField> fields, ResponseHeadBuilder* head);
 
-/// Writes `head` to `socket`.
-void writeHead(const ResponseHeadBuilder& head, int64_t tag, const VELLimits& limits,
-               VELSocket* socket, SentBytes* sent);
-
-/// Sends a response. At most one piece of its body is in the socket's hands: a piece is read when
-/// the one before it has been written, so a slow client never makes a body pile up.
+/// Sends a response. The head is its own matter, the body that of a loop:
 ///
-/// | written        | then                                                           |
-/// | -------------- | -------------------------------------------------------------- |
-/// | head           | nothing: the first piece was written behind it                 |
-/// | plain piece    | the next piece is read and written                             |
-/// | size line      | nothing                                                        |
-/// | chunk          | nothing: its CR LF, or the footer, was written with it         |
-/// | CR LF of chunk | the next piece is read and written                             |
-/// | last write     | the connection decides: this is its tag, not the transmitter's |
+/// | the response is   | the request has       | loop            |
+/// | ----------------- | --------------------- | --------------- |
+/// | chunked           | anything              | ChunkedBody     |
+/// | of a known length | no ranges that count  | PlainBody       |
+/// | of a known length | one range             | SingleRangeBody |
+/// | of a known length | several ranges        | MultiRangeBody  |
 ///
-/// A small answer that is whole after its first piece goes out as one last write.
+/// A small answer that is whole after its first piece goes out as one last write. The connection
+/// decides what follows the last write: its tag is not the transmitter's.
 ///
-/// Owner:   the exchange, from the answer on. Keeps references to the socket, the response and
-///          limits.
+/// Owner:   the exchange, from the answer on. Keeps references to the socket, the response, limits
+///          and what was sent.
 /// Queue:   the connection's.
 class Transmitter {
  public:
-  enum class Progress : uint8_t {
-    kUnderWay,  ///< a write is outstanding
-    kFinished,  ///< no more data came: the answer has ended without a last write
-  };
+  /// `range` is the value of the request's "Range" field, if it has one that is to be looked at.
+  Transmitter(VELSocket& socket, VELResponse& response, const VELLimits& limits, SentBytes& sent,
+              std::optional<std::string_view> range = std::nullopt);
+  Transmitter(const Transmitter&) = delete;
+  Transmitter& operator=(const Transmitter&) = delete;
 
-  Transmitter(VELSocket& socket, VELResponse& response, const VELLimits& limits, SentBytes& sent)
-      : socket_(socket), response_(response), limits_(limits), sent_(sent) {}
+  /// The status that the head tells.
+  uint64_t status() const noexcept { return status_; }
 
   /// Writes the head, and the first piece of the body unless only the head was asked for.
   Progress begin(bool headOnly);
   /// A write of this answer has completed.
-  Progress didWrite(int64_t tag);
+  Progress didWrite(int64_t tag) { return loop_->didWrite(tag); }
 
  private:
-  // How the body is framed. Ranges of the body are to be strategies of their own; a request's
-  // "Range" field is not asked before.
-  enum class Strategy : uint8_t { kPlain, kChunked };
-
-  Strategy chooseStrategy() const;
+  void chooseRangeLoop(std::string_view range);
   Progress sendWithFirstPiece(const ResponseHeadBuilder& head);
-  Progress sendNextPiece();
-  Progress sendPiece(VELData piece, bool is_last);
-  Progress bodyRanDry() const;
-  void sendChunk(VELData piece, bool is_last);
-  void writeControl(VELData data, int64_t tag);
-  void writeBody(VELData piece, int64_t tag);
 
-  VELSocket& socket_;
+  AnswerWriter writer_;
   VELResponse& response_;
-  const VELLimits& limits_;
-  SentBytes& sent_;
-  Strategy strategy_ = Strategy::kPlain;
-  // Length of the piece that the socket has not written yet.
-  size_t in_flight_ = 0;
+  uint64_t status_;
+  bool is_in_part_ = false;
+  // Whole bodies have their loops in place.
+  std::variant<PlainBody, ChunkedBody, std::unique_ptr<BodyLoop>> loops_;
+  BodyLoop* loop_;
 };
-
-/// The bytes of a chunk-size line, without an allocation.
-class ChunkSizeLine {
- public:
-  explicit ChunkSizeLine(uint64_t length) noexcept;
-  std::string_view view() const noexcept { return {text_, length_}; }
-
- private:
-  static constexpr size_t kLongest = 18;
-  char text_[kLongest];
-  size_t length_;
-};
-
-/// What ends a body in chunks.
-std::string_view chunkedFooter() noexcept;
 
 }  // namespace vel

@@ -14,6 +14,7 @@
 #include "corvane/http_connection.h"
 #include "corvane/responses.h"
 #include "http/connection_engine.h"
+#include "support/digits_response.h"
 #include "support/fake_connection.h"
 
 namespace vel::test {
@@ -168,6 +169,30 @@ TEST(HTTPConnection, ClosesAtOnceWhenIdleAndElseAfterTheAnswer) {
   EXPECT_NE(busy.answerTo(""), "");
   EXPECT_TRUE(busy.socket().wasDisconnectedAfterWriting());
   EXPECT_EQ(busy.socket().unread(), kGet) << "the next request is not begun";
+}
+
+TEST(HTTPConnection, ThatIsStrandedInARangeReadsNoFurtherRequestAndClosesAtOnce) {
+  for (const bool closesBefore : {false, true}) {
+    FakeConnection fake([](const auto&, VELResponseHandler respond) {
+      respond(std::make_shared<DigitsResponse>(600'000));
+    });
+    if (!closesBefore) {
+      const std::string answer =
+          fake.answerTo("GET / HTTP/1.1\r\nRange: bytes=1-\r\n\r\n" + std::string(kGet));
+      EXPECT_TRUE(answer.ends_with(digits(1, 599'999)));
+      EXPECT_FALSE(fake.isReadingHead());
+      EXPECT_FALSE(fake.socket().wasDisconnected());
+      fake.connection()->closeWhenIdle();
+      fake.socket().settle();
+    } else {
+      fake.socket().holdWrites(true);
+      fake.socket().receive("GET / HTTP/1.1\r\nRange: bytes=1-\r\n\r\n");
+      fake.connection()->closeWhenIdle();
+      fake.socket().holdWrites(false);
+      fake.socket().settle();
+    }
+    EXPECT_TRUE(fake.socket().wasDisconnectedAfterWriting()) << closesBefore;
+  }
 }
 
 TEST(HTTPConnection, WorksOnTheConfigurationOfTheMomentWhenItWasAccepted) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "corvane/responses.h"
+#include "support/digits_response.h"
 #include "support/fake_connection.h"
 #include "support/scripted_response.h"
 
@@ -57,6 +58,21 @@ TEST(RequestReport, ComesWithTheLastWriteAndNotBefore) {
   EXPECT_THAT(reports.lines, IsEmpty());
   fake.socket().completeOneWrite();
   EXPECT_THAT(reports.lines, ElementsAre("GET / HTTP/1.1 200 2 /"));
+}
+
+TEST(RequestReport, TellsTheStatusThatWasSent) {
+  FakeConnection fake([](const auto&, VELResponseHandler respond) {
+    respond(std::make_shared<DigitsResponse>(600'000));
+  });
+  Reports reports(&fake);
+  fake.socket().receive("GET /part HTTP/1.1\r\nRange: bytes=0-1\r\n\r\n");
+  fake.socket().receive("GET /whole HTTP/1.1\r\nRange: bytes=-600001\r\n\r\n");
+  fake.socket().receive("GET /stranded HTTP/1.1\r\nRange: bytes=1-\r\n\r\n");
+  EXPECT_EQ(reports.lines.size(), 2U);
+  fake.socket().breakOff();
+  EXPECT_THAT(reports.lines,
+              ElementsAre("GET /part HTTP/1.1 206 2 /part", "GET /whole HTTP/1.1 200 600000 /whole",
+                          "GET /stranded HTTP/1.1 206 599999 /stranded"));
 }
 
 TEST(RequestReport, TellsOfRequestsThatTheConnectionDidNotSurvive) {

@@ -5,6 +5,7 @@
 
 #include "corvane/input_stream.h"
 #include "corvane/responses.h"
+#include "support/digits_response.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
 #include "wire/case_routes.h"
@@ -68,6 +69,13 @@ std::shared_ptr<VELResponse> described(const std::string& description) {
   return response;
 }
 
+std::string fileOfDigits() {
+  static const TemporaryDirectory directory;
+  const std::string path = directory.path("digits");
+  std::ofstream(path, std::ios::binary) << digits(0, 600'000);
+  return path;
+}
+
 using Maker = std::function<std::shared_ptr<VELResponse>()>;
 
 const std::map<std::string, Maker>& makers() {
@@ -87,6 +95,15 @@ const std::map<std::string, Maker>& makers() {
       {"data-empty", [] { return textResponse(""); }},
       {"data-large", [] { return textResponse(std::string(1'000'000, 'd')); }},
       {"description-injected", [] { return described("Fine\r\nX-Injected: b"); }},
+      {"digits", [] { return std::make_shared<DigitsResponse>(20); }},
+      {"digits-chunked",
+       [] {
+         auto response = std::make_shared<DigitsResponse>(20);
+         response->setChunked(true);
+         return response;
+       }},
+      {"digits-file", [] { return file(fileOfDigits()); }},
+      {"digits-moving", [] { return std::make_shared<DigitsResponse>(20, true); }},
       {"fields",
        [] {
          return withFields({{"Accept-Ranges", "none"}, {"Date", "then"}, {"X-A", "b"}});

@@ -33,6 +33,10 @@ void runCase(TestServer& server, const WireCase& wire_case, size_t cut) {
   if (wire_case.after == After::kOpen) {
     EXPECT_TRUE(TestServer::isServed(*client)) << "the connection is not served any more";
   } else {
+    if (wire_case.after == After::kStranded) {
+      client->send(head({"GET /text HTTP/1.1"}));
+      client->wire().finishSending();
+    }
     EXPECT_EQ(client->readToEnd(), "");
   }
 }

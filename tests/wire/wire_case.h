@@ -23,8 +23,9 @@ struct ExpectedAnswer {
   std::vector<std::string> absent = {};
 };
 
-/// How the connection stands after the last answer.
-enum class After { kOpen, kClosed };
+/// How the connection stands after the last answer. A stranded one answers nothing more until its client
+/// has ended.
+enum class After { kOpen, kClosed, kStranded };
 
 struct WireCase {
   std::string name;
