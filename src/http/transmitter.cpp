@@ -9,6 +9,7 @@
 #include "http/range_bodies.h"
 #include "http/range_request.h"
 #include "http/tags.h"
+#include "platform/file_region.h"
 #include "platform/http_date.h"
 
 namespace vel {
@@ -71,7 +72,8 @@ Progress Transmitter::sendWithFirstPiece(const ResponseHeadBuilder& head) {
   const char* const end = head.writeTo(buffer.data());
   const auto length = static_cast<size_t>(end - buffer.data());
   BodyPiece piece = loop_->readFirst();
-  if (piece.is_last && piece.data.length() <= buffer.size() - length) {
+  const bool is_in_memory = FileRegion::of(piece.data) == nullptr;
+  if (piece.is_last && is_in_memory && piece.data.length() <= buffer.size() - length) {
     const size_t bodyLength = piece.data.length();
     std::memcpy(buffer.data() + length, piece.data.bytes(), bodyLength);
     writer_.writeHeadWithBody(VELData::dataWithBorrowedBytes(buffer.data(), length + bodyLength),

@@ -5,6 +5,7 @@
 
 #include "http/habits.h"
 #include "http/tags.h"
+#include "platform/file_region.h"
 
 namespace vel {
 
@@ -32,7 +33,12 @@ void ChunkedBody::describe(ResponseHeadBuilder* head) {
   head->setOwnField("Transfer-Encoding", chunkedCodingName());
 }
 
-BodyPiece ChunkedBody::readFirst() { return {response_.readDataOfLength(writer_.largestPiece())}; }
+BodyPiece ChunkedBody::readFirst() { return {read()}; }
+
+// The size of a chunk is told before its bytes: a file must not become shorter in between.
+VELData ChunkedBody::read() {
+  return FileRegion::inMemory(response_.readDataOfLength(writer_.largestPiece()));
+}
 
 Progress ChunkedBody::send(VELData piece) {
   if (piece.isEmpty()) return Progress::kFinished;
@@ -49,7 +55,7 @@ Progress ChunkedBody::send(VELData piece) {
 
 Progress ChunkedBody::didWrite(int64_t tag) {
   if (tag != kChunkCloseTag) return Progress::kUnderWay;
-  return send(response_.readDataOfLength(writer_.largestPiece()));
+  return send(read());
 }
 
 ChunkSizeLine::ChunkSizeLine(uint64_t length) noexcept {

@@ -47,6 +47,7 @@ class ChunkedBody final : public BodyLoop {
   Progress didWrite(int64_t tag) override;
 
  private:
+  VELData read();
   Progress send(VELData piece);
 };
 

@@ -16,6 +16,14 @@ VELData FileRegion::dataWithRegion(std::shared_ptr<const FileDescriptor> file, u
   return data;
 }
 
+VELData FileRegion::inMemory(VELData data) {
+  const FileRegion* region = of(data);
+  if (region == nullptr) return data;
+  const auto storage = std::make_shared_for_overwrite<uint8_t[]>(region->length_);
+  const size_t count = region->read(0, storage.get(), region->length_);
+  return VELData::dataWithOwner(storage, storage.get(), count);
+}
+
 VELData FileRegion::part(size_t location, size_t length) const {
   return dataWithRegion(file_, offset_ + location, length);
 }

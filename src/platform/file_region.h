@@ -25,6 +25,9 @@ class FileRegion {
     return static_cast<const FileRegion*>(data.owner_.get());
   }
 
+  /// `data` itself, or the bytes that there are of the region that it stands for.
+  static VELData inMemory(VELData data);
+
   FileRegion(std::shared_ptr<const FileDescriptor> file, uint64_t offset, size_t length) noexcept
       : file_(std::move(file)), offset_(offset), length_(length) {}
 
