@@ -81,9 +81,9 @@ class Files(unittest.TestCase):
             self.assertEqual(server.get("/")[2], b"<p>home</p>")
 
     def test_under_a_path_with_index_names_and_a_directory_behind_it(self):
-        with Program("--files", "/d/=" + os.path.join(self.root, "docs"), "--index",
+        with Program("--files", "/pages/=" + os.path.join(self.root, "docs"), "--index",
                      "none.html,start.htm", self.root) as server:
-            for path in ("/d", "/d/", "/docs"):
+            for path in ("/pages", "/pages/", "/docs"):
                 self.assertEqual(server.get(path)[2], b"<p>docs</p>", path)
             self.assertEqual(server.get("/")[0], 403)
 
