@@ -17,24 +17,15 @@ void AnswerWriter::writeHead(const ResponseHeadBuilder& head, int64_t tag) {
   std::array<char, kSmallAnswer> buffer;
   if (size <= buffer.size()) {
     head.writeTo(buffer.data());
-    writeFrame(VELData::dataWithBorrowedBytes(buffer.data(), size), tag);
+    writeFrame({buffer.data(), size}, tag);
   } else {
     writeFrame(head.data(), tag);
   }
 }
 
-void AnswerWriter::writeHeadWithBody(VELData head, uint64_t bodyLength, int64_t tag) {
-  sent_.body += bodyLength;
-  writeFrame(std::move(head), tag);
-}
-
 void AnswerWriter::writeFrame(VELData data, int64_t tag) {
   sent_.all += data.length();
   socket_.writeData(std::move(data), limits_.headWriteTimeout, tag);
-}
-
-void AnswerWriter::writeFrame(std::string_view text, int64_t tag) {
-  writeFrame(VELData::dataWithBorrowedBytes(text.data(), text.size()), tag);
 }
 
 void AnswerWriter::writeBody(VELData piece, int64_t tag) {

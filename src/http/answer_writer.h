@@ -1,6 +1,7 @@
 // AnswerWriter: hands the parts of one answer to the socket, with their times, and counts them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -31,12 +32,19 @@ class AnswerWriter {
   uint64_t largestPiece() const noexcept { return limits_.bodyPiece; }
 
   void writeHead(const ResponseHeadBuilder& head, int64_t tag);
-  /// Writes `head`, which has `bodyLength` bytes of the body at its end.
-  void writeHeadWithBody(VELData head, uint64_t bodyLength, int64_t tag);
+  /// Writes `head`, which has `bodyLength` bytes of the body at its end. It lives during the call only.
+  void writeHeadWithBody(std::string_view head, size_t bodyLength, int64_t tag) {
+    sent_.body += bodyLength;
+    writeFrame(head, tag);
+  }
   /// Writes what frames a body.
   void writeFrame(VELData data, int64_t tag);
   /// The same for text that lives during the call only.
-  void writeFrame(std::string_view text, int64_t tag);
+  void writeFrame(std::string_view text, int64_t tag) {
+    sent_.all += text.size();
+    socket_.writeData(VELData::dataWithBorrowedBytes(text.data(), text.size()),
+                      limits_.headWriteTimeout, tag);
+  }
   void writeBody(VELData piece, int64_t tag);
 
  private:

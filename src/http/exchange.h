@@ -45,6 +45,8 @@ struct ReportFacts {
 struct Exchange {
   enum class Phase : uint8_t { kHead, kBody, kEvaluating, kSending, kAbandoned };
 
+  Exchange() {}  // NOLINT(modernize-use-equals-default): leaves the transmitter's bytes unset.
+
   static void* operator new(size_t) { return RecycledPlace<Exchange>::take(); }
   static void operator delete(void* place) noexcept { RecycledPlace<Exchange>::giveBack(place); }
 

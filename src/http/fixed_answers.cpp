@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstddef>
-#include <utility>
 
 #include "http/habits.h"
 #include "http/tags.h"
@@ -64,7 +63,7 @@ void writeFixedAnswer(FixedAnswer answer, const VELError* error, const VELLimits
   message.reserve(head.size() + body.size());
   head.appendTo(&message);
   message.append(body);
-  writer.writeHeadWithBody(VELData(std::move(message)), body.size(), tag);
+  writer.writeHeadWithBody(message, body.size(), tag);
 }
 
 }  // namespace vel

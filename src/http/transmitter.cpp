@@ -76,8 +76,7 @@ Progress Transmitter::sendWithFirstPiece(const ResponseHeadBuilder& head) {
   if (piece.is_last && is_in_memory && piece.data.length() <= buffer.size() - length) {
     const size_t bodyLength = piece.data.length();
     std::memcpy(buffer.data() + length, piece.data.bytes(), bodyLength);
-    writer_.writeHeadWithBody(VELData::dataWithBorrowedBytes(buffer.data(), length + bodyLength),
-                              bodyLength, kLastTag);
+    writer_.writeHeadWithBody({buffer.data(), length + bodyLength}, bodyLength, kLastTag);
     return Progress::kUnderWay;
   }
   writer_.writeFrame({buffer.data(), length}, kHeadTag);
