@@ -177,7 +177,7 @@ void ConnectionEngine::didProgress(Progress progress) {
   if (progress == Progress::kFinished) {
     finishAnswer();
   } else if (progress == Progress::kStranded) {
-    abandon();
+    strand();
   }
 }
 

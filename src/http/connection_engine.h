@@ -78,6 +78,7 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort {
   void bodyDidCome(std::string_view bytes, int64_t tag);
   void takeStep(const BodyStep& step);
   void waitForEnd();
+  void strand();
 
   // Answering: connection_answering.cpp.
   void handleRequest();

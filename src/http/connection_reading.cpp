@@ -56,6 +56,8 @@ void ConnectionEngine::socketDidReadData(VELSocket& /*socket*/, const VELData& d
     headLineDidCome(data.view());
   } else if (tag == kUnwantedTag) {
     waitForEnd();
+  } else if (tag == kNextRequestTag) {
+    closeAfterWriting();
   } else {
     bodyDidCome(data.view(), tag);
   }
@@ -150,6 +152,15 @@ void ConnectionEngine::waitForEnd() {
   } else {
     socket_->readDataToLength(kUnwantedPiece, kNoTimeout, kUnwantedTag);
   }
+}
+
+// The answer never ends, so nothing can follow it. A client that has got all that it wanted does not know
+// that: its next request closes the connection, and it asks again on another one.
+void ConnectionEngine::strand() {
+  exchange_->phase = Exchange::Phase::kAbandoned;
+  if (closes_after_answer_) return closeAfterWriting();
+  socket_->expectUnreadInput();
+  socket_->readDataToLength(1, kNoTimeout, kNextRequestTag);
 }
 
 void ConnectionEngine::takeStep(const BodyStep& step) {

@@ -15,6 +15,8 @@ inline constexpr int64_t kChunkEndTag = 14;
 inline constexpr int64_t kTrailerLineTag = 15;
 /// What is read only to notice the end of a client that nobody is going to answer.
 inline constexpr int64_t kUnwantedTag = 16;
+/// The first byte behind an answer that never ends.
+inline constexpr int64_t kNextRequestTag = 17;
 
 // Writes.
 /// The head of an answer with a body, or of a part of it. Nothing follows from its completion.

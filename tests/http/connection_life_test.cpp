@@ -171,27 +171,27 @@ TEST(HTTPConnection, ClosesAtOnceWhenIdleAndElseAfterTheAnswer) {
   EXPECT_EQ(busy.socket().unread(), kGet) << "the next request is not begun";
 }
 
-TEST(HTTPConnection, ThatIsStrandedInARangeReadsNoFurtherRequestAndClosesAtOnce) {
+TEST(HTTPConnection, ThatIsStrandedInARangeClosesInPlaceOfAnotherAnswer) {
+  const std::string request = "GET / HTTP/1.1\r\nRange: bytes=1-\r\n\r\n";
+  const auto answering = [](const auto&, VELResponseHandler respond) {
+    respond(std::make_shared<DigitsResponse>(600'000));
+  };
+  {
+    FakeConnection asked(answering);
+    EXPECT_TRUE(asked.answerTo(request).ends_with(digits(1, 599'999)));
+    EXPECT_FALSE(asked.isReadingHead());
+    EXPECT_FALSE(asked.socket().wasDisconnected());
+    EXPECT_EQ(asked.answerTo(kGet), "");
+    EXPECT_TRUE(asked.socket().wasDisconnectedAfterWriting());
+  }
   for (const bool closesBefore : {false, true}) {
-    FakeConnection fake([](const auto&, VELResponseHandler respond) {
-      respond(std::make_shared<DigitsResponse>(600'000));
-    });
-    if (!closesBefore) {
-      const std::string answer =
-          fake.answerTo("GET / HTTP/1.1\r\nRange: bytes=1-\r\n\r\n" + std::string(kGet));
-      EXPECT_TRUE(answer.ends_with(digits(1, 599'999)));
-      EXPECT_FALSE(fake.isReadingHead());
-      EXPECT_FALSE(fake.socket().wasDisconnected());
-      fake.connection()->closeWhenIdle();
-      fake.socket().settle();
-    } else {
-      fake.socket().holdWrites(true);
-      fake.socket().receive("GET / HTTP/1.1\r\nRange: bytes=1-\r\n\r\n");
-      fake.connection()->closeWhenIdle();
-      fake.socket().holdWrites(false);
-      fake.socket().settle();
-    }
-    EXPECT_TRUE(fake.socket().wasDisconnectedAfterWriting()) << closesBefore;
+    FakeConnection told(answering);
+    told.socket().holdWrites(closesBefore);
+    told.socket().receive(request);
+    told.connection()->closeWhenIdle();
+    told.socket().holdWrites(false);
+    told.socket().settle();
+    EXPECT_TRUE(told.socket().wasDisconnectedAfterWriting()) << closesBefore;
   }
 }
 

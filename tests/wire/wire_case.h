@@ -23,8 +23,8 @@ struct ExpectedAnswer {
   std::vector<std::string> absent = {};
 };
 
-/// How the connection stands after the last answer. A stranded one answers nothing more until its client
-/// has ended.
+/// How the connection stands after the last answer. A stranded one closes as soon as the client asks for
+/// more.
 enum class After { kOpen, kClosed, kStranded };
 
 struct WireCase {
