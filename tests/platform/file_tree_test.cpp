@@ -22,6 +22,7 @@
 
 #include "platform/clock.h"
 #include "support/log_capture.h"
+#include "support/socket_peer.h"
 #include "support/stopped_clock.h"
 #include "support/temporary_directory.h"
 
@@ -33,10 +34,6 @@ using namespace std::string_literals;
 using Kind = FoundFile::Kind;
 using Way = FileTree::Way;
 namespace fs = std::filesystem;
-
-ptrdiff_t openDescriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 
 /// The file in a text that can be compared: "none", or its inode.
 std::string identity(const struct stat& status) {
@@ -69,7 +66,7 @@ class FileTreeTest : public testing::TestWithParam<Way> {
   }
   ~FileTreeTest() override {
     // Fewer are fine: other tests' sockets may be closing.
-    EXPECT_LE(openDescriptors(), before_ + 1) << "the root's alone is kept";
+    EXPECT_LE(test::openDescriptorCount(), before_ + 1) << "the root's alone is kept";
   }
 
   std::string inside(std::string_view name) const {
@@ -99,7 +96,7 @@ class FileTreeTest : public testing::TestWithParam<Way> {
   }
 
  private:
-  const ptrdiff_t before_ = openDescriptors();
+  const size_t before_ = test::openDescriptorCount();
 
  protected:
   const test::TemporaryDirectory directory_;

@@ -12,16 +12,12 @@
 
 #include "corvane/file_route.h"
 #include "platform/clock.h"
+#include "support/socket_peer.h"
 #include "support/temporary_directory.h"
 #include "wire/wire_case.h"
 
 namespace vel::test {
 namespace {
-
-size_t openDescriptors() {
-  const std::filesystem::directory_iterator entries("/proc/self/fd");
-  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
 
 /// Bytes of which no part repeats soon.
 std::string contentOfLength(size_t length) {
@@ -77,7 +73,7 @@ TEST_P(ServedFiles, AreClosedAfterwardsWhateverHappens) {
   file("large", 2'000'000);
   ASSERT_TRUE(TestServer::isServed(*server_.connect()));
   ASSERT_TRUE(server_.waitForConnections(0));
-  const size_t before = openDescriptors();
+  const size_t before = openDescriptorCount();
   {
     const auto whole = server_.connect();
     whole->send("HEAD /files/large HTTP/1.1\r\nConnection: close\r\n\r\n");
@@ -89,12 +85,12 @@ TEST_P(ServedFiles, AreClosedAfterwardsWhateverHappens) {
   ASSERT_TRUE(server_.waitForConnections(0));
   // The root is kept open, and files are for a second or two.
   const auto limit = std::chrono::steady_clock::now() + kPatience;
-  while (openDescriptors() > before + 1 && std::chrono::steady_clock::now() < limit) {
+  while (openDescriptorCount() > before + 1 && std::chrono::steady_clock::now() < limit) {
     advanceClock(std::chrono::seconds(1));
     ASSERT_TRUE(TestServer::isServed(*server_.connect()));
     ASSERT_TRUE(server_.waitForConnections(0));
   }
-  EXPECT_LE(openDescriptors(), before + 1);
+  EXPECT_LE(openDescriptorCount(), before + 1);
 }
 
 // A client is told of less than was announced only by the end of the connection.
