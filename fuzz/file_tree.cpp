@@ -103,7 +103,7 @@ class Place {
     std::string content;
     if (found->kind == FoundFile::Kind::kRegular) {
       content.resize(found->size);
-      require(readAt(found->file, content.data(), content.size(), 0) ==
+      require(readAt(*found->file, content.data(), content.size(), 0) ==
                   static_cast<ptrdiff_t>(content.size()),
               "a regular file is open for reading");
     }
