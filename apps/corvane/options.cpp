@@ -92,7 +92,8 @@ void defineOptions(CLI::App& app, RawOptions& raw) {
            "how long an idle connection stays open (default 15; 0: no timer)", "SECONDS");
   addValue(app, "--threads", raw.threads, "event-loop threads (default: one per core)", "N");
   app.add_option("DIRECTORY", raw.directory,
-                 "serve its files under / (default, without any route: the current directory)");
+                 "serve its files under / (default, without any route: the current directory)")
+      ->type_name("");
   addRepeatable(app, "--files", raw.files, "serve the files of DIRECTORY under PATH",
                 "PATH=DIRECTORY");
   addValue(app, "--index", raw.index,
@@ -165,10 +166,15 @@ std::pair<std::string, std::string> splitAtEqualsSign(std::string_view option,
   return {normalisedPath(option, value.substr(0, equals)), std::string(value.substr(equals + 1))};
 }
 
-RouteOption makeFileRoute(std::string path, std::string directory) {
-  // A request for "/docs/" has the path "/docs".
+// A request for "/docs/" has the path "/docs".
+std::string withoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return {RouteOption::Kind::kFiles, std::move(path), std::move(directory), std::nullopt};
+  return path;
+}
+
+RouteOption makeFileRoute(std::string path, std::string directory) {
+  return {RouteOption::Kind::kFiles, withoutTrailingSlashes(std::move(path)), std::move(directory),
+          std::nullopt};
 }
 
 RouteOption makeRoute(const std::string& option, const std::string& value) {
@@ -228,7 +234,8 @@ void applyMethods(const std::string& value, std::vector<RouteOption>& routes) {
   const std::vector<std::string> methods = parseMethods(value, list);
   bool found = false;
   for (RouteOption& route : routes) {
-    if (route.path != path) continue;
+    const bool isFiles = route.kind == RouteOption::Kind::kFiles;
+    if (route.path != (isFiles ? withoutTrailingSlashes(path) : path)) continue;
     route.methods = methods;
     found = true;
   }

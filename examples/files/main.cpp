@@ -22,7 +22,9 @@ class NoDotFiles : public VELFileRouteDelegate {
                                            std::shared_ptr<VELResponse> suggestedResponse,
                                            VELResponseHandler responseHandler) override {
     // Names above the root are nobody's business.
-    const std::string path = fileURL.filePath().substr(fileRoute.rootURL()->filePath().size());
+    const std::string root = fileRoute.rootURL().value_or(VELURL()).filePath();
+    std::string path = fileURL.filePath();
+    if (path.starts_with(root)) path.erase(0, root.size());
     const bool isHidden = path.starts_with('.') || path.find("/.") != std::string::npos;
     if (isHidden) suggestedResponse = std::make_shared<VELNotFoundResponse>();
     responseHandler(std::move(suggestedResponse));

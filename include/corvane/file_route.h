@@ -20,13 +20,13 @@ class VELFileRoute;
 /// Reviews what a file route is about to answer.
 ///
 /// ```cpp
-/// struct NoDotFiles : VELFileRouteDelegate {
+/// struct NoBackups : VELFileRouteDelegate {
 ///   void fileRouteDecideResponseForFileAtURL(VELFileRoute&, const VELURL& fileURL,
 ///                                            std::shared_ptr<VELRequest>,
 ///                                            std::shared_ptr<VELResponse> suggestedResponse,
 ///                                            VELResponseHandler responseHandler) override {
-///     const bool isHidden = fileURL.lastPathComponent().starts_with('.');
-///     if (isHidden) suggestedResponse = std::make_shared<VELNotFoundResponse>();
+///     const bool isBackup = fileURL.pathExtension() == "bak";
+///     if (isBackup) suggestedResponse = std::make_shared<VELNotFoundResponse>();
 ///     responseHandler(suggestedResponse);
 ///   }
 /// };
@@ -60,6 +60,8 @@ class CORVANE_EXPORT VELFileRouteDelegate {
 /// | something that lacks the permissions | 403                                    |
 /// | nothing, or nothing readable         | 404                                    |
 /// | a device, a pipe or a socket         | 404; it is never opened                |
+/// | an index file that is one, or is     | 200 without a body                     |
+/// | a directory                          |                                        |
 ///
 /// The tree cannot be left: what would lead out of the root, by ".." or by a link, is not found, and neither is
 /// an absolute link, wherever it leads. ".." and relative links that stay inside work.
@@ -96,6 +98,7 @@ class CORVANE_EXPORT VELFileRoute : public VELRoute {
   uint16_t allowedFilePermissions() const { return allowed_permissions_; }
   void setAllowedFilePermissions(uint16_t mask) { allowed_permissions_ = mask; }
   /// The directory that is served. It need not exist, and may be replaced: that is noticed within 100 ms.
+  /// From the first request on it is kept open, and files for a second or two after each.
   /// Default: none, and nothing is found.
   std::optional<VELURL> rootURL() const;
   void setRootURL(std::optional<VELURL> rootURL);

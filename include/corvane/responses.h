@@ -75,18 +75,12 @@ class CORVANE_EXPORT VELStreamResponse : public VELResponse {
 /// A body that a file holds. A piece stands for a part of the open file, which goes out without a way
 /// through this program's memory where the system can do that.
 /// Errors:  a file that cannot be opened or read gives no bytes, and nothing is reported. One that becomes
-///          shorter while it is sent gives fewer bytes than were announced.
+///          shorter while it is sent gives fewer bytes than were announced, which the client is not told:
+///          on a connection that stays open it takes the next answer for the rest.
 class CORVANE_EXPORT VELFileResponse : public VELResponse {
  public:
   VELFileResponse();
   ~VELFileResponse() override;
-
-  /// For the library's own use: a response with status 200 for a file that is open for reading, of which
-  /// `size` bytes are sent. What stands at `path` below `directory` is not looked at; the media type is that
-  /// of the name.
-  static std::shared_ptr<VELFileResponse> responseWithOpenFile(
-      std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, const VELURL& directory,
-      std::string path);
 
   const VELURL& fileURL() const;
   void setFileURL(VELURL fileURL);
@@ -105,6 +99,12 @@ class CORVANE_EXPORT VELFileResponse : public VELResponse {
   void connectionDidClose() override;
 
  private:
+  friend class VELFileRoute;
+  // Status 200 for a file that is open for reading, of which `size` bytes are sent. What stands at `path`
+  // below `directory` is not looked at; the media type is that of the name.
+  static std::shared_ptr<VELFileResponse> responseWithOpenFile(
+      std::shared_ptr<const vel::FileDescriptor> file, uint64_t size, const VELURL& directory,
+      std::string path);
   bool openFile();
 
   // Where the file is: `path_` below it, until somebody asks for the whole.

@@ -84,6 +84,8 @@ void MultiRangeBody::writePartHeader() {
 
 Progress MultiRangeBody::send(VELData piece) {
   if (piece.isEmpty()) return Progress::kStranded;
+  const VELRange& range = ranges_[index_];
+  is_stuck_ = piece.length() >= range.length && response_.offset() == range.location;
   writer_.writeBody(std::move(piece), kPartPieceTag);
   return Progress::kUnderWay;
 }
@@ -99,7 +101,9 @@ Progress MultiRangeBody::sendFirst(BodyPiece piece) {
 Progress MultiRangeBody::didWrite(int64_t tag) {
   if (tag != kPartPieceTag) return Progress::kUnderWay;
   const uint64_t missing = missingLength(ranges_[index_], response_.offset());
-  if (missing != 0) return send(read(missing));
+  // A response that keeps its offset after the whole part never gets to the next one, and the size of the
+  // pieces does not show: one byte at a time would be a burden on the server.
+  if (missing != 0) return send(read(is_stuck_ ? UINT64_MAX : missing));
   if (++index_ == ranges_.size()) {
     writer_.writeFrame(framing_.closingDelimiter(), kLastTag);
     return Progress::kUnderWay;

@@ -68,6 +68,8 @@ class MultiRangeBody final : public BodyLoop {
   const std::string content_type_;
   // The part that is being sent.
   size_t index_ = 0;
+  // The part was read whole, and the response does not tell so.
+  bool is_stuck_ = false;
 };
 
 }  // namespace vel

@@ -146,10 +146,10 @@ std::optional<FoundFile> FileTree::findBelow(const Root& root, const char* path)
     FoundFile found;
     describe(status, &found);
     if (found.kind == FoundFile::Kind::kRegular) {
-      Opened opened = open(root, path, Access::kRead);
+      // The path may lead to something else by now, a pipe even: the file itself is opened.
+      Opened opened = withRoom([&] { return reopen(named.file); });
+      if (opened.error == ENOENT) opened = open(root, path, Access::kRead);  // there is no /proc
       if (isShortage(opened.error)) return std::nullopt;
-      // Following the path a second time is quicker than opening the descriptor by its name in /proc,
-      // and needs no /proc. Only a regular file will do.
       struct stat again;
       if (opened.file && ::fstat(opened.file.get(), &again) == 0 && S_ISREG(again.st_mode)) {
         describe(again, &found);
@@ -169,8 +169,19 @@ std::optional<FoundFile> FileTree::findBelow(const Root& root, const char* path)
 }
 
 Opened FileTree::open(const Root& root, const char* path, Access access) const {
-  Opened opened = uses_kernel_ ? openBelow(root.directory, path, access)
-                               : walkBelow(root.directory, path, access);
+  return withRoom([&] {
+    return uses_kernel_ ? openBelow(root.directory, path, access)
+                        : walkBelow(root.directory, path, access);
+  });
+}
+
+// Files that are kept for later stand back when there is no room for those that are wanted now.
+template <class Open>
+Opened FileTree::withRoom(const Open& open) const {
+  Opened opened = open();
+  if (!isShortage(opened.error)) return opened;
+  kept_->clear();
+  opened = open();
   if (isShortage(opened.error)) logShortage(opened.error);
   return opened;
 }

@@ -64,6 +64,8 @@ class FileTree {
   std::optional<FoundFile> findKept(const Root& root, const char* path) const;
   std::optional<FoundFile> findBelow(const Root& root, const char* path) const;
   Opened open(const Root& root, const char* path, Access access) const;
+  template <class Open>
+  Opened withRoom(const Open& open) const;
 
   const std::string path_;
   const bool uses_kernel_;

@@ -25,12 +25,10 @@ std::optional<bool> caseOfFileSystem(uint32_t type) noexcept {
     case 0x858458F6:  // ramfs
     case 0x794C7630:  // overlayfs
     case 0xF2F52010:  // f2fs
-    case 0x2FC12FC1:  // zfs
     case 0x73717368:  // squashfs
     case 0xE0F5E1E2:  // erofs
     case 0xCA451A4E:  // bcachefs
     case 0x3434:      // nilfs2
-    case 0x3153464A:  // jfs
     case 0x52654973:  // reiserfs
     case 0x24051905:  // ubifs
       return true;

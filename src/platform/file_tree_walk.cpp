@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -207,6 +208,17 @@ Opened openBelow(const FileDescriptor& root, const char* path, Access access) {
 
 Opened walkBelow(const FileDescriptor& root, const char* path, Access access) {
   return Walk(root, path).run(access);
+}
+
+Opened reopen(const FileDescriptor& named) noexcept {
+#ifdef __linux__
+  char path[32];
+  std::snprintf(path, sizeof path, "/proc/self/fd/%d", named.get());
+  return openedAt(AT_FDCWD, path, kReadFlags);
+#else
+  static_cast<void>(named);
+  return {FileDescriptor(), ENOENT};
+#endif
 }
 
 Opened openRoot(const char* path) noexcept {

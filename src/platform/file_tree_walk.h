@@ -29,6 +29,9 @@ Opened openBelow(const FileDescriptor& root, const char* path, Access access);
 /// process moved one on the way.
 Opened walkBelow(const FileDescriptor& root, const char* path, Access access);
 
+/// Opens for reading what `named` names, without a way that others could change. ENOENT without /proc.
+Opened reopen(const FileDescriptor& named) noexcept;
+
 /// A descriptor that names the directory at `path`.
 Opened openRoot(const char* path) noexcept;
 

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <functional>
 #include <utility>
-#include <vector>
 
 #include "corvane/serial_queue.h"
 #include "platform/queue_runner.h"
@@ -53,25 +52,53 @@ void KeptFiles::keep(std::string_view path, const void* root, KeptFile file) {
   if (begins) sweepLater(*frame->queue);
 }
 
+// A sweep that is due. One that never comes, because the loops have stopped, closes all.
+class KeptFiles::Sweep {
+ public:
+  explicit Sweep(std::weak_ptr<KeptFiles> files) : files_(std::move(files)) {}
+  Sweep(const Sweep&) = delete;
+  Sweep& operator=(const Sweep&) = delete;
+  ~Sweep() {
+    const std::shared_ptr<KeptFiles> files = files_.lock();
+    if (!files) return;
+    files->clear();
+    const std::lock_guard lock(files->mutex_);
+    files->will_sweep_ = false;
+  }
+  void run() {
+    if (const std::shared_ptr<KeptFiles> files = files_.lock()) files->sweep();
+    files_.reset();
+  }
+
+ private:
+  std::weak_ptr<KeptFiles> files_;
+};
+
 void KeptFiles::sweepLater(VELSerialQueue& queue) {
-  queue.after(kSweepInterval, [self = weak_from_this()] {
-    if (const std::shared_ptr<KeptFiles> files = self.lock()) files->sweep();
-  });
+  queue.after(kSweepInterval,
+              [sweep = std::make_shared<Sweep>(weak_from_this())] { sweep->run(); });
+}
+
+void KeptFiles::clear() {
+  // Closed after the lock.
+  std::array<Place, kPlaces> places;
+  const std::lock_guard lock(mutex_);
+  places_.swap(places);
 }
 
 void KeptFiles::sweep() {
-  std::vector<KeptFile> unused;
+  std::array<Place, kPlaces> unused;
   bool is_empty = true;
   {
     const std::lock_guard lock(mutex_);
-    for (Place& place : places_) {
+    for (size_t i = 0; i < kPlaces; ++i) {
+      Place& place = places_[i];
       if (!place.kept) continue;
       if (std::exchange(place.is_used, false)) {
         is_empty = false;
-        continue;
+      } else {
+        std::swap(place, unused[i]);
       }
-      unused.push_back(std::move(*place.kept));
-      place = Place();
     }
     will_sweep_ = !is_empty;
   }

@@ -48,6 +48,8 @@ class KeptFiles : public std::enable_shared_from_this<KeptFiles> {
   /// Keeps `file` for a moment, in place of another one perhaps. Does nothing on threads that run no queue,
   /// for nobody would come to close it.
   void keep(std::string_view path, const void* root, KeptFile file);
+  /// Lets go of all of them.
+  void clear();
 
  private:
   struct Place {
@@ -60,6 +62,8 @@ class KeptFiles : public std::enable_shared_from_this<KeptFiles> {
   static constexpr size_t kPlaces = 64;
 
   Place& placeOf(std::string_view path) noexcept;
+  class Sweep;
+
   void sweepLater(VELSerialQueue& queue);
   void sweep();
 

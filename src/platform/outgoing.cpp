@@ -147,10 +147,8 @@ void Outgoing::shrink() {
     items_.erase(items_.begin(), items_.begin() + static_cast<ptrdiff_t>(first_item_));
     first_item_ = 0;
   }
-  if (told_ == done_.size()) {
-    done_.clear();
-    told_ = 0;
-  }
+  done_.erase(done_.begin(), done_.begin() + static_cast<ptrdiff_t>(told_));
+  told_ = 0;
 }
 
 }  // namespace vel

@@ -16,6 +16,9 @@ namespace {
 
 // Receives and sends in one turn; a peer that sends or takes without end lets the others have theirs.
 constexpr int kRoundsPerTurn = 16;
+// What is told and read in one turn at most: a delegate that answers each completion with a small write would
+// keep the loop for itself.
+constexpr int kServedPerTurn = 2048;
 // A handshake's time (RFC 8446 leaves it to the application).
 constexpr std::chrono::milliseconds kHandshakeTime{30'000};
 // How long the end of a TLS connection may take that the peer leaves no room for.
@@ -91,6 +94,7 @@ void StreamSocket::serve(QueueFrame& frame) {
 void StreamSocket::serveOpen(Workspace& workspace) {
   std::shared_ptr<VELSocketDelegate> delegate = delegate_.lock();
   int rounds = 0;
+  int served = 0;
   while (state() == State::kOpen &&
          move_state_.load(std::memory_order_relaxed) == MoveState::kNone) {
     if (delegate_changed_) {
@@ -98,8 +102,9 @@ void StreamSocket::serveOpen(Workspace& workspace) {
       delegate = delegate_.lock();
     }
     if (!delegate) return end(std::nullopt);
-    if (serveOnce(*delegate, workspace)) continue;
-    if (++rounds > kRoundsPerTurn) return notify(kServe);
+    if (++served <= kServedPerTurn && serveOnce(*delegate, workspace)) continue;
+    if (served > kServedPerTurn) flush();
+    if (served > kServedPerTurn || ++rounds > kRoundsPerTurn) return notify(kServe);
     if (sendNow()) continue;
     const bool wants_more = isHandshaking() || (has_read_ && !closes_after_writing_);
     const bool may_have_more = is_readable_ || (tls_ && tls_->may_have_more);

@@ -192,7 +192,7 @@ ptrdiff_t TcpSocket::sendRegion(const RegionRest& rest) {
                         rest.length);
     } while (sent < 0 && errno == EINTR);
     // A file that cannot be read has no bytes; one that cannot be sent like this can still be read.
-    if (sent < 0 && errno == EIO) return 0;
+    if (sent < 0 && (errno == EIO || errno == ESTALE)) return 0;
     if (sent >= 0 || (errno != EINVAL && errno != ENOSYS && errno != EOVERFLOW)) return sent;
   }
 #endif

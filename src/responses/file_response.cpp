@@ -58,6 +58,8 @@ VELData VELFileResponse::readDataOfLength(uint64_t length) {
     if (size_ == 0) {
       piece = readPiece(*file_, position_, length);
     } else {
+      // A file that has become shorter ends there.
+      if (position_ > offset()) size_ = std::min(size_, vel::fileSize(*file_).value_or(0));
       const uint64_t rest = size_ - std::min(size_, position_);
       piece = vel::FileRegion::dataWithRegion(file_, position_,
                                               static_cast<size_t>(std::min(length, rest)));

@@ -101,7 +101,9 @@ void VELFileRoute::decideResponseForFileAtURL(const VELURL& fileURL,
   std::optional<vel::FoundFile> file;
   if (served) path = pathBelow(served->root_url.filePath(), fileURL.filePath());
   if (path) file = served->files.find(*path);
-  if (!file) return responseHandler(std::make_shared<VELNotFoundResponse>());
+  if (!file || !file->is_readable) {
+    return responseHandler(std::make_shared<VELNotFoundResponse>());
+  }
   decide(*served, {std::move(*path), std::move(*file)}, std::move(request),
          std::move(responseHandler));
 }

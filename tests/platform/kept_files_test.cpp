@@ -102,6 +102,13 @@ TEST_F(KeptFilesTest, LieBelowTheRoot) {
   EXPECT_EQ(content(), "none");
 }
 
+TEST_F(KeptFilesTest, AreClosedWithTheirLoops) {
+  EXPECT_EQ(content(), "first");
+  const size_t open = openDescriptorCount();
+  loops_->loops()->stop();
+  EXPECT_LT(openDescriptorCount(), open);
+}
+
 TEST_F(KeptFilesTest, AreClosedWhenNobodyAsks) {
   for (int i = 0; i < 200; ++i) {
     write("root/" + std::to_string(i), "x");

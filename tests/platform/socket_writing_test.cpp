@@ -46,6 +46,26 @@ void expectTurnsForOthers(const std::shared_ptr<VELEventLoops>& loops) {
   }
 }
 
+// Small writes count as written at once: who answers each with the next one does not keep the loop.
+TEST(SocketWriting, EndlessSmallOnesLeaveOthersTheirTurn) {
+  const auto loops = std::make_shared<VELEventLoops>(1);
+  ServedSocket served(loops);
+  const auto other = std::make_shared<VELSerialQueue>("other", loops);
+  std::atomic<bool> had_turn{false};
+  int writes = 0;
+  Count done;
+  served.onQueue([&] {
+    served.events->reaction = [&](VELSocket& socket, const std::string&) {
+      if (++writes == 1) other->async([&] { had_turn = true; });
+      if (had_turn || writes > 50'000) return done.add();
+      socket.writeData(VELData(std::string("x")), kNoTimeout, 0);
+    };
+    served.socket->writeData(VELData(std::string("x")), kNoTimeout, 0);
+  });
+  ASSERT_TRUE(done.reaches(1));
+  served.queue->sync([&] { EXPECT_LE(writes, 10'000); });
+}
+
 TEST(SocketWriting, KeepsTheOrderOfAllSizes) {
   const size_t sizes[] = {10, 0, 300'000, 1, 0, 20'000, 5, 5'000'000, 16'384, 16'385, 0};
   for (const bool at_once : {true, false}) {

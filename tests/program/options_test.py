@@ -37,6 +37,7 @@ class WrongOptions(unittest.TestCase):
         (["--profile", "standard"], "not available yet"),
         (["--files", "/"], "--files"),
         (["--files", "/="], "a DIRECTORY is needed"),
+        (["--files", "/d/=.", "--methods", "/e/=GET"], "no route is given for /e/"),
         (["--index", "a.html,"], "file names"),
         (["--index", "a/b.html"], "file names"),
         (["--proxy", "/=http://a"], "--proxy is not available yet"),

@@ -82,7 +82,8 @@ class Files(unittest.TestCase):
 
     def test_under_a_path_with_index_names_and_a_directory_behind_it(self):
         with Program("--files", "/pages/=" + os.path.join(self.root, "docs"), "--index",
-                     "none.html,start.htm", self.root) as server:
+                     "none.html,start.htm", "--methods", "/pages/=GET", self.root) as server:
+            self.assertEqual(server.get("/pages", "HEAD")[0], 405)
             for path in ("/pages", "/pages/", "/docs"):
                 self.assertEqual(server.get(path)[2], b"<p>docs</p>", path)
             self.assertEqual(server.get("/")[0], 403)

@@ -129,6 +129,16 @@ TEST_F(FileResponse, GivesPartsOfTheFile) {
   EXPECT_EQ(part.view(), "234567");
 }
 
+// However long it was said to be.
+TEST_F(FileResponse, EndsWhereItsFileHasComeToEnd) {
+  const auto response = responseFor("0123456789");
+  ASSERT_EQ(::truncate(path_.c_str(), int64_t{1} << 40), 0);
+  EXPECT_EQ(response->readDataOfLength(10).length(), 10U);
+  ASSERT_EQ(::truncate(path_.c_str(), 14), 0);
+  EXPECT_EQ(response->readDataOfLength(10).length(), 4U);
+  EXPECT_TRUE(response->isFinished());
+}
+
 TEST_F(FileResponse, ReadsFilesThatSayTheyAreEmpty) {
   const auto response =
       VELResponse::responseWithFileURL(VELURL::fileURLWithPath("/proc/self/stat"), 200);
