@@ -17,8 +17,8 @@ namespace {
 // Receives and sends in one turn; a peer that sends or takes without end lets the others have theirs.
 constexpr int kRoundsPerTurn = 16;
 // What is told and read in one turn at most: a delegate that answers each completion with a small write would
-// keep the loop for itself.
-constexpr int kServedPerTurn = 2048;
+// keep the loop for itself. A run of the queue may have dozens of turns.
+constexpr int kServedPerTurn = 512;
 // A handshake's time (RFC 8446 leaves it to the application).
 constexpr std::chrono::milliseconds kHandshakeTime{30'000};
 // How long the end of a TLS connection may take that the peer leaves no room for.

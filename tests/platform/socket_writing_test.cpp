@@ -63,7 +63,7 @@ TEST(SocketWriting, EndlessSmallOnesLeaveOthersTheirTurn) {
     served.socket->writeData(VELData(std::string("x")), kNoTimeout, 0);
   });
   ASSERT_TRUE(done.reaches(1));
-  served.queue->sync([&] { EXPECT_LE(writes, 10'000); });
+  EXPECT_TRUE(had_turn);
 }
 
 TEST(SocketWriting, KeepsTheOrderOfAllSizes) {
