@@ -215,12 +215,15 @@ std::string comparable(std::string text) {
   for (size_t at = 0; (at = text.find(kDate, at)) != std::string::npos; at += kDate.size()) {
     text.erase(at + kDate.size(), 29);
   }
-  constexpr std::string_view kBoundary = "\r\nContent-Type: multipart/byteranges; boundary=";
-  for (size_t at = 0; (at = text.find(kBoundary, at)) != std::string::npos;) {
-    const std::string boundary = text.substr(at += kBoundary.size(), 36);
-    for (size_t next = at; (next = text.find(boundary, next)) != std::string::npos;) {
-      text.erase(next, boundary.size());
-      if (boundary.empty()) break;
+  // The answer to TRACE does not announce the boundary that it uses.
+  constexpr size_t kBoundary = 36;
+  for (const std::string_view before : {"\r\n--", "; boundary="}) {
+    for (size_t at = 0; (at = text.find(before, at)) != std::string::npos; at += before.size()) {
+      const std::string_view boundary =
+          std::string_view(text).substr(at + before.size(), kBoundary);
+      if (boundary.size() == kBoundary && boundary[8] == '-' && boundary[23] == '-') {
+        text.erase(at + before.size(), kBoundary);
+      }
     }
   }
   return text;
