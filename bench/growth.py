@@ -1,5 +1,6 @@
-"""How the cost of a request grows: user instructions with connections, routes and header fields;
-with the files of a directory the processor time as well, since the kernel searches it.
+"""How the cost of a request grows: user instructions with connections, routes, middlewares and
+header fields; with the files of a directory the processor time as well, since the kernel searches
+it.
 """
 
 import dataclasses
@@ -23,7 +24,9 @@ def report(bench, names, arguments, paths, material, traces):
         if name == "growth-files":
             progress(f"{name}: making {loads.DIRECTORY_FILES[-1]:,} files")
             sites = [_site(bench, material, size) for size in loads.DIRECTORY_FILES]
-        if traces:
+        if traces and name == "growth-middlewares":
+            failures += _report_middlewares(bench, arguments)
+        elif traces:
             failures += _table(bench, name, *_rows(name, arguments, paths, material, sites))
         if sites:
             failures += _report_times(bench, name, arguments, paths, sites)
@@ -73,6 +76,11 @@ def _of_routes(build_directory, kind, size):
     return server, ["--load", "keep-alive", "--path", f"/route{size:04}/42"], 500, 2500
 
 
+def _of_middlewares(build_directory, kind, size):
+    server = targets.host(build_directory, "literal", 1, kind, size)
+    return server, ["--load", "keep-alive", "--path", "/route0001/42"], 1000, 21_000
+
+
 def _of_fields(server, size):
     return server, ["--load", "keep-alive", "--fields", size], 500, 2500
 
@@ -118,6 +126,29 @@ def _report_times(bench, name, arguments, paths, sites):
     few, many = loads.DIRECTORY_FILES[0], loads.DIRECTORY_FILES[-1]
     print_table(f"Server processor time per request by the number of files in the directory: "
                 f"{many:,} against {few:,}, median (quartiles)", rows)
+    return failures
+
+
+def _report_middlewares(bench, arguments):
+    """What each middleware adds that does nothing, by operations of its own, of the base's, or
+    as authentication does on an open route."""
+    sizes, goal = loads.MIDDLEWARES, loads.MIDDLEWARES_GOAL
+    rows, failures = [["", *map(str, sizes), "the first", "each more", "to reach"]], []
+    for kind in ("own", "inherited", "authentication"):
+        values = []
+        for size in sizes:
+            progress(f"growth-middlewares: {kind}, {size}")
+            values.append(attempt(failures, f"growth-middlewares, {kind} at {size}",
+                                  measures.instructions_per_request, bench,
+                                  *_of_middlewares(arguments.build_dir, kind, size)))
+        if None in values:
+            rows.append([kind, *("failed" for _ in sizes), "-", "-", "-"])
+            continue
+        steps = [(more - less) / (high - low) for less, more, low, high in
+                 zip(values, values[1:], sizes, sizes[1:])]
+        rows.append([kind, *(f"{value:,.0f}" for value in values),
+                     *(f"{step:.0f}" for step in steps), verdict(round(max(steps)), goal)])
+    print_table("User instructions per request by the number of middlewares that do nothing", rows)
     return failures
 
 

@@ -1,5 +1,8 @@
-// A host with many routes, for what the program's command line cannot say: `--routes N` routes by
-// literal prefixes or by patterns, of which the last one is asked for.
+// A host with many routes or middlewares, for what the program's command line cannot say: ROUTES
+// routes by literal prefixes or by patterns, of which the last one is asked for, and MIDDLEWARES
+// middlewares that do nothing: by operations of their own, by those that they inherit, or as
+// authentication does where a route is open.
+#include <corvane/authentication.h>
 #include <corvane/block_route.h>
 #include <corvane/data.h>
 #include <corvane/response.h>
@@ -27,11 +30,29 @@ std::shared_ptr<VELBlockRoute> makeRoute(unsigned long number, bool isPattern) {
       VELRegularExpression::regularExpressionWithPattern("^" + std::string(path) + "([0-9]+)$"));
 }
 
+/// Does with operations of its own what the base does anyway.
+class Idle : public VELMiddleware {
+ public:
+  std::shared_ptr<VELResponse> evaluateRequest(VELRequest&, VELRoute&) override { return nullptr; }
+  std::shared_ptr<VELResponse> evaluateResponse(std::shared_ptr<VELResponse> response,
+                                                VELRequest&) override {
+    return response;
+  }
+};
+
+std::shared_ptr<VELMiddleware> makeMiddleware(std::string_view kind) {
+  if (kind == "own") return std::make_shared<Idle>();
+  if (kind == "authentication") return std::make_shared<VELAuthenticationMiddleware>();
+  return std::make_shared<VELMiddleware>();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: bench_host literal|pattern ROUTES\n");
+  if (argc != 3 && argc != 5) {
+    std::fprintf(
+        stderr,
+        "usage: bench_host literal|pattern ROUTES [own|inherited|authentication MIDDLEWARES]\n");
     return 2;
   }
   sigset_t ending;
@@ -47,6 +68,9 @@ int main(int argc, char** argv) {
     const auto route = makeRoute(number, isPattern);
     route->setHandler(answer);
     configuration->addRoute(route);
+  }
+  for (unsigned long left = argc == 5 ? std::strtoul(argv[4], nullptr, 10) : 0; left > 0; --left) {
+    configuration->addMiddleware(makeMiddleware(argv[3]));
   }
   const auto loops = std::make_shared<VELEventLoops>(1);
   const auto server = std::make_shared<VELServer>(configuration, loops);

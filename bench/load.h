@@ -1,4 +1,4 @@
-// Load: keeps a number of connections busy with a number of requests and checks every answer.
+// Load: the load of HTTP requests, which checks every answer.
 #pragma once
 
 #include <array>
@@ -9,20 +9,16 @@
 #include <vector>
 
 #include "load_answer.h"
+#include "load_loop.h"
 #include "load_options.h"
 #include "load_stream.h"
 
 namespace bench {
 
 // Queue:   the one thread of the load program.
-class Load {
+class Load : public LoadLoop {
  public:
   explicit Load(const LoadOptions& options);
-  // Sends that many requests over `count` connections from `first` on, opening those that are
-  // not open, and returns when each has been answered or has failed.
-  void run(std::uint64_t requests, std::size_t first, std::size_t count);
-  [[nodiscard]] std::uint64_t errors() const { return errors_; }
-  [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
 
  private:
   struct Connection {
@@ -37,11 +33,10 @@ class Load {
     bool compared = false;        // a whole long answer has been
   };
 
+  void begin(std::size_t index) override;
+  void handle(std::size_t index, std::uint32_t events) override;
   void connect(std::size_t index);
-  void watch(std::size_t index, int operation, std::uint32_t events) const;
-  void begin(std::size_t index);
   void send(std::size_t index);
-  void handle(std::size_t index, std::uint32_t events);
   void receive(std::size_t index);
   void digest(std::size_t index, std::string_view bytes);
   // Compares the first answer on a connection. Of the others the kernel drops what does not come
@@ -49,22 +44,13 @@ class Load {
   void receiveLong(std::size_t index);
   bool receiveLongHead(std::size_t index);
   void ended(std::size_t index);
-  void countError(std::uint64_t lost);
 
   static constexpr std::size_t kReceiveSize = 64 * 1024;
 
-  const LoadOptions& options_;
   const RequestText text_;
   const RepeatedBody longBody_;
-  SSL_CTX* const context_;
   std::vector<Connection> connections_;
   std::array<char, kReceiveSize> buffer_{};
-  int epoll_ = -1;
-  std::uint32_t nextSource_ = 0;
-  std::uint64_t toSend_ = 0;
-  std::uint64_t toFinish_ = 0;
-  std::uint64_t errors_ = 0;
-  std::uint64_t bytes_ = 0;
 };
 
 }  // namespace bench

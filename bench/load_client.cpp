@@ -3,7 +3,6 @@
 // measures nothing itself: what counts is the server's processor time, read by bench/run.
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "load.h"
+#include "load_websocket.h"
 
 namespace bench {
 namespace {
@@ -34,23 +34,20 @@ void report(const LoadOptions& options, const std::string& line) {
   if (options.waits && !std::getline(std::cin, answer)) std::exit(1);
 }
 
-// One request on each connection. In groups, since a listener's backlog may be short.
-void openAll(Load& load, const LoadOptions& options) {
-  constexpr std::size_t kGroup = 100;
-  for (std::size_t first = 0; first < options.connections; first += kGroup) {
-    const std::size_t count = std::min(kGroup, options.connections - first);
-    load.run(count, first, count);
-  }
+std::unique_ptr<LoadLoop> makeLoad(const LoadOptions& options) {
+  if (options.broadcast) return std::make_unique<BroadcastLoad>(options);
+  if (options.webSocket) return std::make_unique<WebSocketLoad>(options);
+  return std::make_unique<Load>(options);
 }
 
 int runLoad(const LoadOptions& options) {
   raiseDescriptorLimit(options.connections);
-  const auto load = std::make_unique<Load>(options);
-  if (options.opensFirst) openAll(*load, options);
+  const auto load = makeLoad(options);
+  if (options.opensFirst) load->openAll();
   if (options.warmup > 0) load->run(options.warmup, 0, options.connections);
   report(options, "ready");
   if (options.idle) {
-    openAll(*load, options);
+    load->openAll();
   } else {
     load->run(options.requests, 0, options.connections);
   }

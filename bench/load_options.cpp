@@ -21,8 +21,37 @@ void setUpload(LoadOptions& options) {
   options.connections = 8;
 }
 
+void setMessages(LoadOptions& options, std::uint64_t size, std::size_t depth = 1) {
+  options.webSocket = true;
+  options.body = size;
+  options.depth = depth;
+}
+
+bool setMessageLoad(std::string_view name, LoadOptions& options) {
+  if (name == "ws-16") {
+    setMessages(options, 16);
+  } else if (name == "ws-16x16") {
+    setMessages(options, 16, 16);
+  } else if (name == "ws-16k" || name == "ws-16k-text") {
+    setMessages(options, std::uint64_t{16} * 1024);
+    options.isText = name != "ws-16k";
+  } else if (name == "ws-idle") {
+    setMessages(options, 16);
+    options.idle = true;
+    options.connections = 10'000;
+  } else if (name == "ws-broadcast") {
+    setMessages(options, 64);
+    options.broadcast = true;
+    options.opensFirst = true;
+    options.connections = 5000;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 void setLoad(std::string_view name, LoadOptions& options) {
-  if (name == "keep-alive") return;
+  if (name == "keep-alive" || setMessageLoad(name, options)) return;
   if (name == "browser") {
     options.browserHead = true;
   } else if (name == "pipelined") {

@@ -23,8 +23,11 @@ struct LoadOptions {
   bool chunked = false;      // the body goes in chunks
   bool tls = false;          // TLS 1.3
   bool browserHead = false;
-  bool idle = false;            // opens the connections in small groups, then holds them
-  bool opensFirst = false;      // opens them so before anything else
+  bool webSocket = false;   // `body` is the bytes of each message, `depth` their number in a row
+  bool isText = false;      // the messages are text, else binary
+  bool broadcast = false;   // each message is received by all
+  bool idle = false;        // opens the connections in small groups, then holds them
+  bool opensFirst = false;  // opens them so before anything else
   bool newConnections = false;  // one request per connection, which the server closes
   bool waits = false;           // for a line on standard input before and after the counted part
 };

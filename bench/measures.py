@@ -3,6 +3,7 @@ calls, and resident memory. README.md says why it is done this way.
 """
 
 import collections
+import dataclasses
 import os
 import pathlib
 import re
@@ -13,10 +14,11 @@ import subprocess
 import time
 
 import loads
-from processes import (BenchError, child_of, cpu_nanoseconds, expect, peak_bytes, reset_peak,
-                       resident_bytes, settle)
+from processes import (BenchError, child_of, cpu_nanoseconds, descriptor_count, expect, peak_bytes,
+                       reset_peak, resident_bytes, settle, thread_count)
 
 MEBIBYTE = 2**20
+TRACED_SECONDS = 60      # at most, for what a traced server has still to do
 WAITS = {"epoll_wait", "epoll_pwait", "epoll_pwait2", "restart_syscall"}
 
 
@@ -100,7 +102,7 @@ def _instructions(bench, target, words, requests, service):
     wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={file}"]
     with bench.server(target, service, wrapper) as (server, port):
         bench.run_load(port, *words, "--requests", requests)
-        settle(server.pid)
+        settle(server.pid, TRACED_SECONDS)
     text = file.read_text() if file.exists() else ""
     match = re.search(r"^totals: (\d+)", text, re.MULTILINE)
     if not match:
@@ -141,7 +143,7 @@ def _calls(bench, target, words, requests, service, only):
     with bench.server(target, service, wrapper) as (tracer, port):
         bench.run_load(port, *words, "--requests", requests)
         traced = child_of(tracer.pid)
-        settle(traced)
+        settle(traced, TRACED_SECONDS)
         os.kill(traced, signal.SIGTERM)
         tracer.wait(15)
     counts = collections.Counter()
@@ -154,14 +156,43 @@ def _calls(bench, target, words, requests, service, only):
     return counts
 
 
-def bytes_per_idle_connection(bench, target):
+@dataclasses.dataclass
+class Allocations:
+    """Memory that is asked for, per request."""
+    blocks: float
+    bytes: float
+
+
+def allocations_per_request(bench, target, words, few, many, service="plain"):
+    """What a server allocates, whether it keeps it or not, by valgrind's count; the difference of
+    two runs leaves out the start."""
+    first = _allocations(bench, target, words, few, service)
+    second = _allocations(bench, target, words, many, service)
+    return Allocations(*((high - low) / (many - few) for low, high in zip(first, second)))
+
+
+def _allocations(bench, target, words, requests, service):
+    file = pathlib.Path(bench.directory) / "memcheck.out"
+    file.unlink(missing_ok=True)
+    wrapper = ["valgrind", "--leak-check=no", "--undef-value-errors=no", f"--log-file={file}"]
+    with bench.server(target, service, wrapper) as (server, port):
+        bench.run_load(port, *words, "--requests", requests)
+        settle(server.pid, TRACED_SECONDS)
+    text = file.read_text() if file.exists() else ""
+    match = re.search(r"total heap usage: ([\d,]+) allocs, [\d,]+ frees, ([\d,]+) bytes", text)
+    if not match:
+        raise BenchError("valgrind left no total")
+    return [int(number.replace(",", "")) for number in match.groups()]
+
+
+def bytes_per_idle_connection(bench, target, idle):
     """Growth of the resident set over 10,000 connections that have had one answer each."""
     count = loads.IDLE_CONNECTIONS
-    with bench.server(target) as (server, port):
-        bench.run_load(port, "--load", "keep-alive", "--requests", 2000, "--connections", 8)
+    with bench.server(target, idle.service) as (server, port):
+        bench.run_load(port, "--load", idle.warmup, "--requests", 2000, "--connections", 8)
         settle(server.pid)
         before = resident_bytes(server.pid)
-        with bench.load(port, "--load", "idle", "--wait", "--connections", count) as client:
+        with bench.load(port, "--load", idle.name, "--wait", "--connections", count) as client:
             expect(client, "ready")
             client.tell("go")
             expect(client, "done")
@@ -169,19 +200,53 @@ def bytes_per_idle_connection(bench, target):
             return (resident_bytes(server.pid) - before) / count
 
 
-def large_upload(bench, target, load_name, mebibytes):
+def large_upload(bench, target, service, load_name, mebibytes, answer=None):
     """One upload: how far memory rose above that of the idle server, in MiB, and nanoseconds of
-    processor time per MiB."""
-    with bench.server(target, "upload") as (server, port):
-        words = ("--load", load_name, "--connections", 1)
-        bench.run_load(port, *words, "--requests", 8, "--body", 64 * 1024)
+    processor time per MiB. `answer` gives the answer by the bytes of the upload."""
+    def words(requests, size):
+        return ("--load", load_name, "--connections", 1, "--requests", requests, "--body", size,
+                "--expect", answer(size) if answer else loads.ANSWER)
+
+    with bench.server(target, service) as (server, port):
+        bench.run_load(port, *words(8, 64 * 1024))
         settle(server.pid)
         reset_peak(server.pid)
         peak, time_used = peak_bytes(server.pid), cpu_nanoseconds(server.pid)
-        bench.run_load(port, *words, "--requests", 1, "--body", mebibytes * MEBIBYTE)
+        bench.run_load(port, *words(1, mebibytes * MEBIBYTE))
         settle(server.pid)
         return ((peak_bytes(server.pid) - peak) / MEBIBYTE,
                 (cpu_nanoseconds(server.pid) - time_used) / mebibytes)
+
+
+@dataclasses.dataclass
+class Waiting:
+    """Transfers that wait for their upstream: when the last was answered, how many were there at
+    once, and the threads of the server before and at the most."""
+    seconds: float
+    at_once: int
+    threads_before: int
+    threads: int
+
+
+def waiting_transfers(bench, target, upstream, count):
+    """So many transfers at once to the upstream, a process, that answers them after two seconds."""
+    words = loads.PROXY.words
+    with bench.server(target, "proxy") as (server, port):
+        bench.run_load(port, *words, "--connections", 8, "--requests", 64)
+        settle(server.pid)
+        before, idle = thread_count(server.pid), descriptor_count(upstream)
+        threads, at_once = before, 0
+        with bench.load(port, *words, "--path", "/wait", "--wait", "--connections", count,
+                        "--requests", count) as client:
+            expect(client, "ready")
+            start = time.monotonic()
+            client.tell("go")
+            while not client.has_output(0.02):
+                threads = max(threads, thread_count(server.pid))
+                at_once = max(at_once, descriptor_count(upstream) - idle)
+            seconds = time.monotonic() - start
+            expect(client, "done")
+        return Waiting(seconds, at_once, before, threads)
 
 
 def large_downloads(bench, target):

@@ -39,17 +39,21 @@ http {{
     TEXT = f'default_type "text/plain; charset=utf-8"; return 200 "{ANSWER}";'
     FILES = ("root {0.files}; types {{ text/javascript js; }} sendfile on; tcp_nopush on; "
              "open_file_cache {1};")
+    # A request to the upstream says `Connection: close`, as is nginx's own habit.
+    PROXY = ("client_max_body_size 0; proxy_http_version 1.1; proxy_set_header Connection close; "
+             "proxy_pass http://127.0.0.1:{};")
 
-    def __init__(self, name, program, material, services, keeps_files=False):
+    def __init__(self, name, program, material, services, keeps_files=False, upstream=None):
         super().__init__(name, {service: [program] for service in services})
         self._material = material
         self._cache = "max=1000 inactive=60s" if keeps_files else "off"
+        self._upstream = upstream
 
     def command(self, directory, service):
         port = free_port()
         tls = self.TLS.format(self._material) if service == "tls" else ""
-        location = (self.FILES.format(self._material, self._cache) if service == "files"
-                    else self.TEXT)
+        location = {"files": self.FILES.format(self._material, self._cache),
+                    "proxy": self.PROXY.format(self._upstream)}.get(service, self.TEXT)
         file = pathlib.Path(directory) / "nginx.conf"
         file.write_text(self.CONFIGURATION.format(directory=directory, port=port, tls=tls,
                                                   location=location))
@@ -84,6 +88,12 @@ hosts:
                                                   user=pwd.getpwuid(os.getuid()).pw_name))
         command, _ = super().command(directory, service)
         return command + ["-m", "worker", "-c", str(file)], port
+
+
+def proxy(name, material, upstream):
+    """nginx before the server at the port `upstream`, or nothing where it is not installed."""
+    program = find("nginx")
+    return Nginx(name, program, material, ("proxy",), upstream=upstream) if program else None
 
 
 def find(name):

@@ -67,6 +67,10 @@ class Child:
         line, self._text = self._text.split(b"\n", 1)
         return line.decode()
 
+    def has_output(self, seconds):
+        """Whether there is something to read, or the end, within so many seconds."""
+        return bool(self._text or select.select([self._process.stdout], [], [], seconds)[0])
+
     def tell(self, line):
         self._process.stdin.write(line.encode() + b"\n")
         self._process.stdin.flush()
@@ -122,7 +126,7 @@ class Bench:
         files are in a directory of its own, which goes away with it."""
         with tempfile.TemporaryDirectory(dir=self.directory) as files:
             command, port = target.command(files, service)
-            child = Child(list(wrapper) + command, target.cores or {self.core},
+            child = Child(list(wrapper) + command, target.cores or {self.core}, target.batch,
                           environment={"TMPDIR": files})
             try:
                 if port is None:
@@ -183,10 +187,11 @@ def cpu_nanoseconds(pid):
     return time.clock_gettime_ns(~pid << 3 | 2)  # the kernel's clock of another process
 
 
-def settle(pid):
-    """Waits until every thread of the process sleeps, so that its account is complete."""
-    before = None
-    for _ in range(200):
+def settle(pid, seconds=0.2):
+    """Waits until every thread of the process sleeps, so that its account is complete. Under a
+    tracer the end of thousands of connections takes seconds."""
+    before, end = None, time.monotonic() + seconds
+    while time.monotonic() < end:
         now = cpu_nanoseconds(pid)
         if now == before and _all_sleep(pid):
             return
@@ -200,6 +205,14 @@ def _all_sleep(pid):
             if (task / "stat").read_text().rpartition(")")[2].split()[0] != "S":
                 return False
     return True
+
+
+def thread_count(pid):
+    return len(list(pathlib.Path(f"/proc/{pid}/task").iterdir()))
+
+
+def descriptor_count(pid):
+    return len(list(pathlib.Path(f"/proc/{pid}/fd").iterdir()))
 
 
 def resident_bytes(pid):

@@ -7,7 +7,6 @@ import measures
 import targets
 from loads import LOADS
 from processes import BenchError
-from targets import CONTROL
 
 SECONDS_PER_LOAD = 30
 
@@ -45,15 +44,17 @@ def rounds_of(arguments):
     return arguments.rounds or (5 if arguments.quick else 11)
 
 
-def report_cpu(bench, servers, names, arguments):
-    columns = [server.name for server in servers if server.name != "limit"]
-    columns.sort(key=lambda name: name != CONTROL)
+def report_cpu(bench, servers, chosen, arguments, base="limit"):
+    """The chosen loads, each as a ratio to the mean of two turns of `base`."""
+    control = f"{base} again"
+    columns = [server.name for server in servers if server.name != base]
+    columns.sort(key=lambda name: name != control)
     pair = "corvane" in columns and "against" in columns
-    head = ["load", "rounds", "limit us", *columns]
+    head = ["load", "rounds", f"{base} us", *columns]
     head += ["corvane/against"] if pair else []
     head += ["corvane to reach"] if "corvane" in columns else []
     rows, failures = [head], []
-    for load in (LOADS[name] for name in names):
+    for load in chosen:
         requests = arguments.requests or load.requests
         rounds = rounds_of(arguments)
         progress(f"{load.name}: rounds of {requests} requests")
@@ -61,29 +62,29 @@ def report_cpu(bench, servers, names, arguments):
         results, failed = measures.cpu_rounds(bench, taking_part, load, requests, rounds,
                                               SECONDS_PER_LOAD)
         failures += [f"{name}, {load.name}: {reason}" for name, reason in failed.items()]
-        if "limit" in failed or CONTROL in failed:
+        if base in failed or control in failed:
             continue
-        ratio = {name: measures.ratios(results, name, "limit", CONTROL)
+        ratio = {name: measures.ratios(results, name, base, control)
                  for name in results if name not in failed}
-        ratio[CONTROL] = measures.ratios(results, CONTROL, "limit")
-        limit = measures.median_microseconds(results["limit"])
-        row = [load.name, str(len(results["limit"])), f"{limit:.2f}"]
+        ratio[control] = measures.ratios(results, control, base)
+        time_of_base = measures.median_microseconds(results[base])
+        row = [load.name, str(len(results[base])), f"{time_of_base:.2f}"]
         row += [str(ratio.get(name, "failed" if name in failed else "-")) for name in columns]
         if pair:
             both = "corvane" in ratio and "against" in ratio
             row.append(str(measures.ratios(results, "corvane", "against")) if both else "-")
         if "corvane" in columns:
             row.append(verdict(ratio["corvane"].median, load.ratio, f"{load.ratio or 0:.2f}")
-                       if "corvane" in ratio else "failed")
+                       if "corvane" in ratio else "failed" if "corvane" in failed else "-")
         rows.append(row)
-    print_table("Server processor time per request (of uploads: per MiB): ratio to the limit in "
-                "the same round, median (quartiles)", rows)
+    print_table(f"Server processor time per request (uploads: per MiB; ws: per message): ratio to "
+                f"{base} in the same round, median (quartiles)", rows)
     return failures
 
 
-def report_instructions(bench, servers, names):
+def report_instructions(bench, servers, chosen):
     rows, failures = [["load", *(server.name for server in servers), "corvane to reach"]], []
-    for load in (LOADS[name] for name in names):
+    for load in chosen:
         cells, reached = [], "-"
         for server in servers:
             if not server.serves(load.service):
@@ -101,11 +102,12 @@ def report_instructions(bench, servers, names):
     return failures
 
 
-def report_calls(bench, servers, names):
+def report_calls(bench, servers, chosen):
     rows, failures = [["load", "server", "calls", "to reach", "which"]], []
-    for load in (LOADS[name] for name in names):
+    for load in chosen:
         # Few connections: how many accepts find nothing more to accept differs from run to run.
-        words = load.words if load.service == "upload" else [*load.words, "--connections", 16]
+        keeps = load.service in ("upload", "broadcast")
+        words = load.words if keeps else [*load.words, "--connections", 16]
         for server in servers:
             if not server.serves(load.service):
                 continue
@@ -122,30 +124,33 @@ def report_calls(bench, servers, names):
     return failures
 
 
-def report_idle(bench, servers):
-    rows, failures = [["server", "bytes", "to reach"]], []
-    for server in (server for server in servers if server.serves("plain")):
-        value = attempt(failures, f"memory of {server.name}",
-                        measures.bytes_per_idle_connection, bench, server)
+def report_idle(bench, servers, idles):
+    rows, failures = [["load", "server", "bytes", "to reach"]], []
+    pairs = [(idle, server) for idle in idles for server in servers if server.serves(idle.service)]
+    for idle, server in pairs:
+        value = attempt(failures, f"memory of {server.name}, {idle.name}",
+                        measures.bytes_per_idle_connection, bench, server, idle)
         if value is None:
-            rows.append([server.name, "failed", "-"])
+            rows.append([idle.name, server.name, "failed", "-"])
             continue
-        goal = loads.IDLE_BYTES if server.name == "corvane" else None
-        rows.append([server.name, f"{value:,.0f}", verdict(value, goal)])
+        goal = idle.bytes if server.name == "corvane" else None
+        rows.append([idle.name, server.name, f"{value:,.0f}", verdict(value, goal)])
     print_table(f"Resident bytes per idle connection, over {loads.IDLE_CONNECTIONS:,}", rows)
     return failures
 
 
-def report_large_uploads(bench, servers):
-    size, goal = loads.LARGE_UPLOAD_MEBIBYTES, loads.LARGE_UPLOAD_GROWTH_MEBIBYTES
+def report_large_uploads(bench, servers, service="upload", goal=None, answer=None):
+    """One upload of each framing to every server of the service. `answer` gives its answer by its
+    bytes."""
+    size, goal = loads.LARGE_UPLOAD_MEBIBYTES, goal or loads.LARGE_UPLOAD_GROWTH_MEBIBYTES
     rows, failures = [["framing", "server", "growth MiB", "to reach", "us per MiB"]], []
     for framing, load in loads.LARGE_UPLOADS.items():
         for server in servers:
-            if not server.serves("upload"):
+            if not server.serves(service):
                 continue
             progress(f"{server.name}: {size} MiB, {framing}")
-            value = attempt(failures, f"upload to {server.name}, {framing}",
-                            measures.large_upload, bench, server, load, size)
+            value = attempt(failures, f"{service} of {size} MiB, {server.name}, {framing}",
+                            measures.large_upload, bench, server, service, load, size, answer)
             if value is None:
                 rows.append([framing, server.name, "failed", "-", ""])
                 continue
@@ -153,7 +158,9 @@ def report_large_uploads(bench, servers):
             rows.append([framing, server.name, f"{growth:.1f}",
                          verdict(round(growth, 1), goal if server.name == "corvane" else None),
                          f"{nanoseconds / 1000:.0f}"])
-    print_table(f"One upload of {size:,} MiB: growth of the resident set at its peak", rows)
+    passed_on = " passed on" if service == "proxy" else ""
+    print_table(f"One upload of {size:,} MiB{passed_on}: growth of the resident set at its peak",
+                rows)
     return failures
 
 

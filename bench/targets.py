@@ -1,5 +1,6 @@
 """The servers that are measured, each by the command that starts it for a service: plain, tls,
-upload or files. How they run stands in processes.py, peers in peers.py.
+upload, files, proxy, websocket or broadcast. How they run stands in processes.py, peers in
+peers.py.
 """
 
 import dataclasses
@@ -14,13 +15,20 @@ CONTROL = "limit again"
 
 
 class Target:
-    """A server: its name, how it is started, and the cores it may use if not the bench's one."""
+    """A server: its name, how it is started, the cores it may use if not the bench's one, and
+    whether it has batch priority, as the load has."""
 
-    def __init__(self, name, commands, cores=None):
+    def __init__(self, name, commands, cores=None, batch=False):
         self.name = name
         self.cores = cores
-        self._commands = {service: [str(word) for word in words]
-                          for service, words in commands.items()}
+        self.batch = batch
+        self._commands = {}
+        for service, words in commands.items():
+            self.add(service, words)
+
+    def add(self, service, words):
+        """Lets it serve one more."""
+        self._commands[service] = [str(word) for word in words]
 
     def serves(self, service):
         return service in self._commands
@@ -77,31 +85,50 @@ def make_large_file(material):
         file.truncate(size)
 
 
+def _base(path, loops):
+    return [path.resolve(), "--quiet", "--threads", loops, "--listen", "127.0.0.1:0"]
+
+
 def corvane(name, path, material, loops=1, cores=None, more=()):
     """The corvane program at `path` with one route, for every service."""
-    base = [path.resolve(), "--quiet", "--threads", loops, "--listen", "127.0.0.1:0", *more]
+    base = [*_base(path, loops), *more]
     plain = [*base, "--text", f"/={ANSWER}"]
     return Target(name, {"plain": plain,
                          "tls": [*plain, "--certificate", material.certificate,
                                  "--key", material.key],
                          "upload": [*plain, "--methods", "/=GET,POST"],
-                         "files": [*base, material.files]}, cores)
+                         "files": [*base, material.files],
+                         "websocket": [*base, "--echo", "/"]}, cores)
+
+
+def proxy(name, path, upstream):
+    """The corvane program at `path` before the server at the port `upstream`."""
+    return Target(name, {"proxy": [*_base(path, 1), "--proxy", f"/=http://127.0.0.1:{upstream}/"]})
 
 
 def limits(build_directory, material):
     """The limit and its second turn."""
+    websocket = program(build_directory, "bench_limit_server_websocket")
     commands = {"plain": [program(build_directory, "bench_limit_server")],
                 "tls": [program(build_directory, "bench_limit_server_tls"),
                         "--certificate", material.certificate, "--key", material.key],
                 "upload": [program(build_directory, "bench_limit_server_upload")],
                 "files": [program(build_directory, "bench_limit_server_files"),
-                          "--directory", material.files]}
+                          "--directory", material.files],
+                "websocket": [websocket],
+                "broadcast": [websocket, "--mode", "broadcast"]}
     return [Target("limit", commands), Target(CONTROL, commands)]
 
 
-def host(build_directory, kind, routes):
+def host(build_directory, kind, routes, *more):
     """The host with many routes, literal or by patterns."""
-    return Target("host", {"plain": [program(build_directory, "bench_host"), kind, routes]})
+    return Target("host", {"plain": [program(build_directory, "bench_host"), kind, routes, *more]})
+
+
+def upstream(build_directory):
+    """The server behind a proxy. As little as the load is it to interrupt what is measured."""
+    return Target("upstream", {"plain": [program(build_directory, "bench_upstream_server")]},
+                  batch=True)
 
 
 def corvane_paths(arguments):
@@ -124,4 +151,7 @@ def choose_targets(arguments, material):
     limit, control = limits(arguments.build_dir, material)
     paths, notes = corvane_paths(arguments)
     programs = [corvane(name, path, material) for name, path in paths.items()]
+    for target in programs:
+        if target.name == "corvane":
+            target.add("broadcast", [program(arguments.build_dir, "bench_broadcast_host")])
     return [limit, *programs, control], notes

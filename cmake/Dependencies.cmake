@@ -5,4 +5,6 @@ find_package(Threads REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(CORVANE_PCRE2 REQUIRED IMPORTED_TARGET GLOBAL libpcre2-8>=10.30)
-set(CORVANE_LIBRARIES OpenSSL::SSL OpenSSL::Crypto PkgConfig::CORVANE_PCRE2 Threads::Threads)
+pkg_check_modules(CORVANE_CURL REQUIRED IMPORTED_TARGET GLOBAL libcurl>=7.85)
+set(CORVANE_LIBRARIES OpenSSL::SSL OpenSSL::Crypto PkgConfig::CORVANE_PCRE2 PkgConfig::CORVANE_CURL
+    Threads::Threads)

@@ -3,6 +3,7 @@
 #include <exception>
 #include <variant>
 
+#include "connect.h"
 #include "options.h"
 #include "serve.h"
 #include "standard_error.h"
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
       std::fputs(farewell->text.c_str(), farewell->exitCode == 0 ? stdout : stderr);
       return farewell->exitCode;
     }
+    if (const auto* target = std::get_if<ConnectOptions>(&options)) return connect(*target);
     return serve(std::get<ServeOptions>(options));
   } catch (const std::exception& exception) {
     writeLineToStandardError(std::string("corvane: ") + exception.what());

@@ -7,42 +7,17 @@
 #include <charconv>
 #include <cmath>
 #include <map>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "corvane/url.h"
 #include "corvane/version.h"
+#include "option_parsing.h"
 
 namespace {
 
 constexpr double kLongestKeepAlive = 1e9;
 constexpr size_t kMostThreads = 1024;
-
-/// A command line that cannot be followed; the text is one sentence for the user.
-class WrongOption : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-WrongOption wrongValue(std::string_view option, std::string_view value, std::string_view need) {
-  return WrongOption(std::string(option) + " " + std::string(value) + ": " + std::string(need));
-}
-
-WrongOption notAvailable(std::string_view what) {
-  return WrongOption(std::string(what) + " is not available yet");
-}
-
-/// Help that shows how the program is called instead of what CLI11 makes of the options.
-class HelpFormatter : public CLI::Formatter {
- public:
-  std::string make_usage(const CLI::App*, std::string) const override {
-    return "Usage: corvane [serve] [OPTIONS] [DIRECTORY]\n";
-  }
-  std::string make_option_opts(const CLI::Option* option) const override {
-    const std::string type = option->get_type_name();
-    return type.empty() ? "" : " " + type;
-  }
-};
 
 /// What the command line holds before it is checked.
 struct RawOptions {
@@ -56,31 +31,24 @@ struct RawOptions {
   std::vector<std::string> reflects;
   std::vector<std::string> inspects;
   std::vector<std::string> files;
+  std::vector<std::string> proxies;
+  std::vector<std::string> echoes;
   std::string index;
   std::vector<std::string> methods;
+  std::vector<std::string> auths;
+  std::string realm;
   std::string directory;
   bool debug = false;
   bool quiet = false;
 };
 
-constexpr const char* kLaterOptions[] = {"--proxy", "--echo", "--auth", "--realm"};
-constexpr std::string_view kRouteOptions[] = {"--text", "--reflect", "--inspect", "--files"};
-
-void addValue(CLI::App& app, const std::string& name, std::string& value, const std::string& help,
-              const std::string& type) {
-  app.add_option(name, value, help)
-      ->type_name(type)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-}
-
-void addRepeatable(CLI::App& app, const std::string& name, std::vector<std::string>& values,
-                   const std::string& help, const std::string& type) {
-  // Without extra arguments an option takes exactly one value each time that it is given.
-  app.add_option(name, values, help)->type_name(type)->allow_extra_args(false);
-}
+constexpr std::string_view kRouteOptions[] = {"--text",  "--reflect", "--inspect",
+                                              "--files", "--proxy",   "--echo"};
 
 void defineOptions(CLI::App& app, RawOptions& raw) {
-  app.formatter(std::make_shared<HelpFormatter>());
+  setUsage(app,
+           "Usage: corvane [serve] [OPTIONS] [DIRECTORY]\n"
+           "       corvane connect [OPTIONS] URL\n");
   app.set_version_flag("--version", "corvane " + std::string(VELVersion()));
   addValue(app, "-l,--listen", raw.listen,
            "where to listen (default localhost:8080); port 0 lets the system choose, 0.0.0.0:PORT "
@@ -99,16 +67,22 @@ void defineOptions(CLI::App& app, RawOptions& raw) {
   addValue(app, "--index", raw.index,
            "the files that stand for a directory, the first that is there (default index.html)",
            "NAME[,NAME...]");
+  addRepeatable(app, "--proxy", raw.proxies, "have the server at URL answer what comes under PATH",
+                "PATH=URL");
   addRepeatable(app, "--text", raw.texts, "answer with TEXT under PATH", "PATH=TEXT");
   addRepeatable(app, "--reflect", raw.reflects, "answer with the request's body", "PATH");
   addRepeatable(app, "--inspect", raw.inspects, "answer with a description of the request in JSON",
                 "PATH");
+  addRepeatable(app, "--echo", raw.echoes, "a WebSocket that sends each message back", "PATH");
   addRepeatable(app, "--methods", raw.methods, "the allowed methods of the route given for PATH",
                 "PATH=M[,M...]");
+  addRepeatable(app, "--auth", raw.auths,
+                "ask for a user and a password on the route given for PATH; once for each user",
+                "PATH=USER:PASSWORD");
+  addValue(app, "--realm", raw.realm, "what the password is asked for (default: not told)", "TEXT");
   addValue(app, "--profile", raw.profile, "the behaviour profile: classic", "NAME");
   app.add_flag("--debug", raw.debug, "log what happens on each connection");
   app.add_flag("--quiet", raw.quiet, "write no access lines");
-  for (const char* name : kLaterOptions) app.add_option(name)->group("");
 }
 
 uint64_t parseNumber(std::string_view option, std::string_view text, uint64_t least,
@@ -173,8 +147,12 @@ std::string withoutTrailingSlashes(std::string path) {
 }
 
 RouteOption makeFileRoute(std::string path, std::string directory) {
-  return {RouteOption::Kind::kFiles, withoutTrailingSlashes(std::move(path)), std::move(directory),
-          std::nullopt};
+  return {RouteOption::Kind::kFiles, withoutTrailingSlashes(std::move(path)), std::move(directory)};
+}
+
+bool isProxyURL(const std::string& text) {
+  const std::optional<VELURL> url = VELURL::URLWithString(text);
+  return url && !url->host().empty() && (url->scheme() == "http" || url->scheme() == "https");
 }
 
 RouteOption makeRoute(const std::string& option, const std::string& value) {
@@ -183,20 +161,19 @@ RouteOption makeRoute(const std::string& option, const std::string& value) {
     if (directory.empty()) throw wrongValue(option, value, "a DIRECTORY is needed");
     return makeFileRoute(std::move(path), std::move(directory));
   }
+  if (option == "--proxy") {
+    auto [path, url] = splitAtEqualsSign(option, value);
+    if (!isProxyURL(url)) throw wrongValue(option, url, "an http or https URL is needed");
+    return {RouteOption::Kind::kProxy, withoutTrailingSlashes(std::move(path)), std::move(url)};
+  }
   if (option == "--text") {
     auto [path, text] = splitAtEqualsSign(option, value);
-    return {RouteOption::Kind::kText, std::move(path), std::move(text), std::nullopt};
+    return {RouteOption::Kind::kText, std::move(path), std::move(text)};
   }
-  const auto kind =
-      option == "--reflect" ? RouteOption::Kind::kReflect : RouteOption::Kind::kInspect;
-  return {kind, normalisedPath(option, value), {}, std::nullopt};
-}
-
-bool isMethodCharacter(char c) {
-  // RFC 9110 §5.6.2
-  constexpr std::string_view kPunctuation = "!#$%&'*+-.^_`|~";
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-         kPunctuation.find(c) != std::string_view::npos;
+  const auto kind = option == "--reflect" ? RouteOption::Kind::kReflect
+                    : option == "--echo"  ? RouteOption::Kind::kEcho
+                                          : RouteOption::Kind::kInspect;
+  return {kind, normalisedPath(option, value), {}};
 }
 
 std::vector<std::string> splitAtCommas(std::string_view list) {
@@ -212,7 +189,7 @@ std::vector<std::string> splitAtCommas(std::string_view list) {
 std::vector<std::string> parseMethods(const std::string& option_value, std::string_view list) {
   std::vector<std::string> methods = splitAtCommas(list);
   for (const std::string& method : methods) {
-    if (method.empty() || !std::all_of(method.begin(), method.end(), isMethodCharacter)) {
+    if (!isToken(method)) {
       throw wrongValue("--methods", option_value, "method names separated by commas are needed");
     }
   }
@@ -229,31 +206,47 @@ std::vector<std::string> parseIndexNames(const std::string& list) {
   return names;
 }
 
+std::vector<RouteOption*> routesGivenFor(const std::string& path,
+                                         std::vector<RouteOption>& routes) {
+  std::vector<RouteOption*> given;
+  for (RouteOption& route : routes) {
+    const bool isTree =
+        route.kind == RouteOption::Kind::kFiles || route.kind == RouteOption::Kind::kProxy;
+    if (route.path == (isTree ? withoutTrailingSlashes(path) : path)) given.push_back(&route);
+  }
+  return given;
+}
+
 void applyMethods(const std::string& value, std::vector<RouteOption>& routes) {
   const auto [path, list] = splitAtEqualsSign("--methods", value);
   const std::vector<std::string> methods = parseMethods(value, list);
-  bool found = false;
-  for (RouteOption& route : routes) {
-    const bool isFiles = route.kind == RouteOption::Kind::kFiles;
-    if (route.path != (isFiles ? withoutTrailingSlashes(path) : path)) continue;
-    route.methods = methods;
-    found = true;
-  }
-  if (!found) throw wrongValue("--methods", value, "no route is given for " + path);
+  const std::vector<RouteOption*> given = routesGivenFor(path, routes);
+  if (given.empty()) throw wrongValue("--methods", value, "no route is given for " + path);
+  for (RouteOption* route : given) route->methods = methods;
 }
 
-void refuseWhatComesLater(const CLI::App& app, const RawOptions& raw) {
-  for (const char* name : kLaterOptions) {
-    if (app.count(name) > 0) throw notAvailable(name);
+// No sentence repeats what may be a part of the password: sentences end up in logs.
+void applyUser(std::string_view value, std::vector<RouteOption>& routes) {
+  const size_t equals = std::min(value.find('='), value.size());
+  const size_t colon = value.find(':', equals);
+  if (equals == 0 || colon == std::string_view::npos) {
+    throw WrongOption("--auth needs PATH=USER:PASSWORD");
   }
-  if (raw.profile == "standard") throw notAvailable("--profile standard");
+  const std::string path = normalisedPath("--auth", value.substr(0, equals));
+  const std::vector<RouteOption*> given = routesGivenFor(path, routes);
+  if (given.empty()) {
+    // What has a colon may be USER:PASSWORD, with the PATH forgotten.
+    const bool isPath = path.find(':') == std::string::npos;
+    throw WrongOption("--auth: no route is given for " + (isPath ? path : "its PATH"));
+  }
+  for (RouteOption* route : given) {
+    route->users.push_back({std::string(value.substr(equals + 1, colon - equals - 1)),
+                            std::string(value.substr(colon + 1))});
+  }
 }
 
 ServeOptions checkOptions(const CLI::App& app, const RawOptions& raw) {
-  refuseWhatComesLater(app, raw);
-  if (!raw.profile.empty() && raw.profile != "classic") {
-    throw wrongValue("--profile", raw.profile, "there is only the profile classic");
-  }
+  checkProfile(raw.profile);
   ServeOptions options;
   parseListen(raw.listen, options);
   if (raw.certificate.empty() != raw.key.empty()) {
@@ -285,45 +278,22 @@ ServeOptions checkOptions(const CLI::App& app, const RawOptions& raw) {
   }
   if (app.count("--index") > 0) options.indexNames = parseIndexNames(raw.index);
   for (const std::string& value : raw.methods) applyMethods(value, options.routes);
+  for (const std::string& value : raw.auths) applyUser(value, options.routes);
+  if (app.count("--realm") > 0) options.realm = raw.realm;
   return options;
-}
-
-Farewell wrongOption(const std::string& sentence) {
-  return {kWrongOption, "corvane: " + sentence + "\n"};
-}
-
-std::string sentenceFor(const CLI::ParseError& error) {
-  const std::string text = error.what();
-  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-    return text.substr(0, text.find(':')) + " needs a value";
-  }
-  return text;
 }
 
 }  // namespace
 
-std::variant<ServeOptions, Farewell> parseOptions(int argc, const char* const* argv) {
+Command parseOptions(int argc, const char* const* argv) {
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-  if (!arguments.empty() && arguments.front() == "connect") {
-    return wrongOption("the command connect is not available yet");
-  }
-  if (!arguments.empty() && arguments.front() == "serve") arguments.erase(arguments.begin());
+  const std::string command = arguments.empty() ? "" : arguments.front();
+  if (command == "connect" || command == "serve") arguments.erase(arguments.begin());
+  if (command == "connect") return parseConnectOptions(std::move(arguments));
 
-  CLI::App app("Serves files and more over HTTP/1.1 from a shell.", "corvane");
+  CLI::App app("Serves files and more over HTTP/1.1 from a shell, and connects to WebSockets.",
+               "corvane");
   RawOptions raw;
   defineOptions(app, raw);
-  try {
-    // CLI11 takes the arguments from the back of the list.
-    std::reverse(arguments.begin(), arguments.end());
-    app.parse(std::move(arguments));
-    return checkOptions(app, raw);
-  } catch (const CLI::CallForVersion& version) {
-    return Farewell{0, std::string(version.what()) + "\n"};
-  } catch (const CLI::CallForHelp&) {
-    return Farewell{0, app.help()};
-  } catch (const CLI::ParseError& error) {
-    return wrongOption(sentenceFor(error));
-  } catch (const WrongOption& error) {
-    return wrongOption(error.what());
-  }
+  return parseWith(app, std::move(arguments), [&] { return checkOptions(app, raw); });
 }

@@ -1,4 +1,4 @@
-// The routes of the command line: file routes, and block routes with their handlers.
+// The routes of the command line: file and proxy routes, and block routes with their handlers.
 #include "routes.h"
 
 #include <string>
@@ -7,9 +7,12 @@
 #include "corvane/block_route.h"
 #include "corvane/data.h"
 #include "corvane/file_route.h"
+#include "corvane/proxy_route.h"
 #include "corvane/response.h"
 #include "corvane/url.h"
+#include "echo_route.h"
 #include "inspect_json.h"
+#include "users.h"
 
 namespace {
 
@@ -58,6 +61,8 @@ std::shared_ptr<VELBlockRoute> makeBlockRoute(const RouteOption& option) {
       route->setAllowedHTTPMethods({"HEAD", "GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"});
       break;
     case RouteOption::Kind::kFiles:
+    case RouteOption::Kind::kProxy:
+    case RouteOption::Kind::kEcho:
       break;
   }
   return route;
@@ -70,6 +75,15 @@ std::shared_ptr<VELFileRoute> makeFileRoute(const RouteOption& option,
   return route;
 }
 
+std::shared_ptr<VELProxyRoute> makeProxyRoute(const RouteOption& option) {
+  auto route = std::make_shared<VELProxyRoute>(option.path, false);
+  route->setURL(VELURL::URLWithString(option.text));
+  // The whole comes from upstream, and ranges are taken out of it here, once.
+  route->setHeaders({{"Range", ""}});
+  route->setAllowedHTTPMethods({"HEAD", "GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"});
+  return route;
+}
+
 }  // namespace
 
 std::vector<std::shared_ptr<VELRoute>> makeRoutes(const ServeOptions& options) {
@@ -78,10 +92,17 @@ std::vector<std::shared_ptr<VELRoute>> makeRoutes(const ServeOptions& options) {
     std::shared_ptr<VELRoute> route;
     if (option.kind == RouteOption::Kind::kFiles) {
       route = makeFileRoute(option, options.indexNames);
+    } else if (option.kind == RouteOption::Kind::kProxy) {
+      route = makeProxyRoute(option);
+    } else if (option.kind == RouteOption::Kind::kEcho) {
+      route = std::make_shared<EchoRoute>(option.path);
     } else {
       route = makeBlockRoute(option);
     }
     if (option.methods) route->setAllowedHTTPMethods(*option.methods);
+    if (!option.users.empty()) {
+      route->setAuthenticators({makeAuthenticator(option.users, options.realm)});
+    }
     routes.push_back(std::move(route));
   }
   return routes;

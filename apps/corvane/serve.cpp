@@ -2,6 +2,7 @@
 // requests in flight finish, a second one ends the process as signals do.
 #include "serve.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <string_view>
 
 #include "access_log.h"
+#include "corvane/authentication.h"
 #include "corvane/configuration.h"
 #include "corvane/event_loops.h"
 #include "corvane/identity.h"
@@ -78,6 +80,9 @@ std::shared_ptr<VELConfiguration> makeConfiguration(const ServeOptions& options,
                                                     VELCertificateList certificates) {
   auto configuration = std::make_shared<VELConfiguration>();
   configuration->setRoutes(makeRoutes(options));
+  const bool isGuarded = std::any_of(options.routes.begin(), options.routes.end(),
+                                     [](const RouteOption& route) { return !route.users.empty(); });
+  if (isGuarded) configuration->addMiddleware(std::make_shared<VELAuthenticationMiddleware>());
   configuration->setProfile(VELProfile::kClassic);
   configuration->setSSLCertificates(std::move(certificates));
   if (options.keepAlive) configuration->setKeepAliveInterval(*options.keepAlive);

@@ -17,9 +17,45 @@ inline constexpr char VELPOSIXErrorDomain[] = "NSPOSIXErrorDomain";
 inline constexpr char VELCocoaErrorDomain[] = "NSCocoaErrorDomain";
 /// Domain of errors of URLs and of what is fetched by them.
 inline constexpr char VELURLErrorDomain[] = "NSURLErrorDomain";
+/// Domain of errors with which WebSocket sessions end; the codes are close statuses (RFC 6455 §7.4).
+inline constexpr char VELWebSocketErrorDomain[] = "VELWebSocketErrorDomain";
+
+/// Codes of `VELURLErrorDomain`.
+enum VELURLErrorCode : int64_t {
+  kVELURLErrorUnknown = -1,
+  kVELURLErrorCancelled = -999,
+  kVELURLErrorBadURL = -1000,
+  /// Nothing came, or could be sent, for as long as the request allows.
+  kVELURLErrorTimedOut = -1001,
+  /// Neither http nor https.
+  kVELURLErrorUnsupportedURL = -1002,
+  kVELURLErrorCannotFindHost = -1003,
+  kVELURLErrorCannotConnectToHost = -1004,
+  /// The server closed the connection before its answer was whole.
+  kVELURLErrorNetworkConnectionLost = -1005,
+  kVELURLErrorTooManyRedirects = -1007,
+  /// The answer has a status that was not hoped for.
+  kVELURLErrorBadServerResponse = -1011,
+  kVELURLErrorCannotDecodeContentData = -1016,
+  /// What came is no HTTP.
+  kVELURLErrorCannotParseResponse = -1017,
+  /// The body could not be read, or not once more.
+  kVELURLErrorRequestBodyStreamExhausted = -1021,
+  /// The head of the answer is too long.
+  kVELURLErrorDataLengthExceedsMaximum = -1103,
+  kVELURLErrorSecureConnectionFailed = -1200,
+  kVELURLErrorServerCertificateUntrusted = -1202,
+};
+
+/// Key of an error's user info for what only those should know who run the program: which host, for instance.
+inline constexpr char VELErrorDetailKey[] = "VELErrorDetail";
 
 /// Code in `VELCocoaErrorDomain`: a text does not have the form that it needs, a pattern for instance.
 inline constexpr int64_t VELFormattingError = 2048;
+/// Code in `VELCocoaErrorDomain`: the host has called it off.
+inline constexpr int64_t VELUserCancelledError = 3072;
+/// Code in `VELURLErrorDomain`: the server's answer is not one that can be used.
+inline constexpr int64_t VELURLErrorBadServerResponse = -1011;
 
 /// Name of exceptions about arguments and calls that the interface does not allow.
 inline constexpr char VELInvalidArgumentException[] = "NSInvalidArgumentException";

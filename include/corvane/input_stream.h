@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "corvane/export.h"
@@ -53,4 +54,7 @@ class CORVANE_EXPORT VELInputStream {
   /// Errors:  -1 when the stream is not open, is closed or failed.
   virtual ptrdiff_t read(uint8_t* buffer, size_t length) = 0;
   virtual VELStreamStatus streamStatus() const = 0;
+  /// The bytes in all, where they are known before they are read; asked of an open stream.
+  /// Default: none.
+  virtual std::optional<uint64_t> length() const { return std::nullopt; }
 };

@@ -24,6 +24,10 @@ class ResponseSink {
   virtual ~ResponseSink() = default;
   /// Queue:   any thread.
   virtual void answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) = 0;
+  /// `self` is this object.
+  /// Queue:   any thread.
+  virtual void whenClientLeaves(const std::shared_ptr<ResponseSink>& /*self*/,
+                                std::function<void()> /*callback*/) {}
 };
 }  // namespace vel
 
@@ -58,6 +62,12 @@ class CORVANE_EXPORT VELResponseHandler {
 
   void operator()(std::shared_ptr<VELResponse> response,
                   std::optional<VELError> error = std::nullopt) const;
+
+  /// Has `callback` called, at most once, when the client goes before there is an answer, so that nobody works
+  /// on for nothing. A client that closes its sending direction only counts as gone. A later call replaces an
+  /// earlier one's callback; a handler of a host's own never calls it.
+  /// Queue:   calling: any. `callback`: the connection's.
+  void whenClientLeaves(std::function<void()> callback) const;
 
  private:
   std::shared_ptr<vel::ResponseSink> sink_;

@@ -1,6 +1,7 @@
 // VELRoute: base of everything that answers requests under a pattern of paths.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -12,6 +13,8 @@
 #include "corvane/regular_expression.h"
 #include "corvane/request.h"
 #include "corvane/response_handler.h"
+
+class VELAuthenticator;
 
 /// An immutable list of method names; none stands for every method.
 using VELMethodList = std::shared_ptr<const std::vector<std::string>>;
@@ -59,14 +62,23 @@ class CORVANE_EXPORT VELRoute : public std::enable_shared_from_this<VELRoute> {
   void setRegularExpression(std::shared_ptr<const VELRegularExpression> regularExpression);
   std::optional<std::string> name() const;
   void setName(std::optional<std::string> name);
+  /// Who has to let a request through before the route gets it, once the configuration has a
+  /// `VELAuthenticationMiddleware`.
+  /// Default: nobody, and the route is open.
+  std::vector<std::shared_ptr<VELAuthenticator>> authenticators() const;
+  /// Errors:  raises an invalid-argument exception when one of them is none.
+  void setAuthenticators(std::vector<std::shared_ptr<VELAuthenticator>> authenticators);
 
   /// One line for logs: the class, the address and the name, if there is one.
   virtual std::string description() const;
 
  private:
+  // Whether there are authenticators: open routes need not lock to know it.
+  std::atomic<bool> is_guarded_{false};
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   std::shared_ptr<const VELRegularExpression> regular_expression_;
   VELMethodList allowed_methods_;
   std::optional<std::string> name_;
+  std::vector<std::shared_ptr<VELAuthenticator>> authenticators_;
 };

@@ -93,5 +93,7 @@ class CORVANE_EXPORT VELSerialQueue : public std::enable_shared_from_this<VELSer
   vel::EventLoop* loop_;
   const char* static_label_ = nullptr;
   mutable std::atomic<vel::QueueExtras*> extras_{nullptr};
+  // One specific value that is its own key, as the owner of a queue attaches itself; others are extras.
+  std::atomic<void*> self_specific_{nullptr};
   std::weak_ptr<vel::LastResort> last_resort_;
 };

@@ -149,6 +149,8 @@ class CORVANE_EXPORT VELServer : public VELSocketDelegate,
 
   /// For the library's own use.
   const std::shared_ptr<VELEventLoops>& loops() const { return loops_; }
+  /// Whether the connection was told to close with all others, and has not closed yet.
+  bool isClosing(const std::shared_ptr<VELConnection>& connection) const;
   bool hasRequestFinishedHandler() const {
     return has_request_finished_handler_.load(std::memory_order_relaxed);
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -101,18 +102,25 @@ class CORVANE_EXPORT VELSocket {
   virtual void readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                               size_t maxLength, int64_t tag) = 0;
   /// What has come already and no read has taken: whoever can use it spares a read for each piece.
-  /// Owner:   the bytes live as long as the callback in which they were asked for.
+  /// Owner:   the bytes live as long as the callback in which they were asked for, which may change them.
   /// Default: empty, as it also is while a read is queued.
   /// Queue:   the delegate queue, inside `socketDidReadData`.
-  virtual std::string_view inputAtHand() const { return {}; }
+  virtual std::span<char> inputAtHand() const { return {}; }
   /// Takes the first `length` bytes of `inputAtHand` away.
   virtual void takeInput(size_t /*length*/) {}
+  /// A read that takes nothing: it completes without data once `length` bytes or more are at hand.
+  /// Memory is taken for what has come, however much is waited for.
+  virtual void waitForInput(size_t length, std::chrono::milliseconds timeout, int64_t tag) = 0;
   /// Reads exactly `length` bytes.
   virtual void readDataToLength(size_t length, std::chrono::milliseconds timeout, int64_t tag) = 0;
   /// Writes `data` after everything written before it.
   /// A small piece counts as written once a bounded buffer has taken it; its time-out goes on until
   /// the system has.
   virtual void writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) = 0;
+  /// The same for `head` followed by `data`, as one write of which nothing is told. Data without a head are
+  /// what many sockets are sent: they go out from where they are unless they wait behind other bytes.
+  virtual void writeHeadAndData(std::string_view head, const VELData& data,
+                                std::chrono::milliseconds timeout, int64_t tag);
   /// Secures the connection from here on; reads and writes issued later wait for the handshake,
   /// which has 30 seconds.
   virtual void startTLS(const VELTLSSettings& settings) = 0;
@@ -125,6 +133,12 @@ class CORVANE_EXPORT VELSocket {
   /// after writing, that is still taken in for a moment, so that the peer does not lose what was
   /// written last (RFC 9112 §9.6).
   virtual void expectUnreadInput() {}
+
+  /// Whether the connection ends, with `kVELSocketClosed`, as soon as the peer has closed its sending direction,
+  /// even while no read waits.
+  /// Default: false: a peer that has said all may still listen.
+  /// Queue:   the delegate queue.
+  virtual void setEndsWithPeer(bool /*endsWithPeer*/) {}
 
   /// Hands the socket to another delegate and queue. What was read ahead and what was queued goes
   /// along; no call reaches the former delegate afterwards.

@@ -102,6 +102,21 @@ void ConnectionEngine::takeAnswer(std::shared_ptr<VELResponse> response,
       });
 }
 
+void ConnectionEngine::whenClientLeaves(std::shared_ptr<const ResponseCall> call,
+                                        std::function<void()> callback) {
+  if (!queue_->isCurrent()) {
+    return queue_->async([engine = self(), call, callback = std::move(callback)] {
+      engine->whenClientLeaves(call, callback);
+    });
+  }
+  // An answer may have come in between, and the next request as well.
+  if (call->isAnswered()) return;
+  if (is_dead_) return callback();
+  if (!exchange_ || exchange_->phase != Exchange::Phase::kEvaluating) return;
+  exchange_->client_left = std::make_unique<const std::function<void()>>(std::move(callback));
+  socket_->setEndsWithPeer(true);
+}
+
 void ConnectionEngine::answerWillNotCome() {
   queue_->async([engine = self()] {
     if (!engine->exchange_ || engine->exchange_->phase != Exchange::Phase::kEvaluating) return;
@@ -121,6 +136,10 @@ void ConnectionEngine::didFinishRequest(std::shared_ptr<VELResponse> response,
   // came.
   if (!exchange_ || exchange_->phase != Exchange::Phase::kEvaluating) return;
   Exchange& exchange = *exchange_;
+  if (exchange.client_left) {
+    exchange.client_left = nullptr;
+    socket_->setEndsWithPeer(false);
+  }
   exchange.response = passedThroughMiddlewares(exchange, std::move(response), error);
   if (!exchange.response) {
     sendFixedAnswer(error ? FixedAnswer::kServerError : FixedAnswer::kNoResponse,

@@ -110,6 +110,7 @@ void ConnectionEngine::die() {
   if (last) {
     const std::shared_ptr<VELResponse> response = std::move(last->response);
     if (response) response->connectionDidClose();
+    if (last->client_left) (*last->client_left)();
     if (last->phase != Exchange::Phase::kHead && last->phase != Exchange::Phase::kBody) {
       reportFinished(server_.lock(), *last);
     }

@@ -25,6 +25,8 @@ class VELHTTPConnection;
 
 namespace vel {
 
+class ResponseCall;
+
 /// What stands behind a VELHTTPConnection. It is created, started, reads and answers one request
 /// after the other, and dies with its socket, or without it when a route has taken the socket over.
 ///
@@ -50,6 +52,8 @@ class ConnectionEngine final : public VELSocketDelegate, public LastResort {
   ConnectionConfiguration& configuration() noexcept { return configuration_; }
   /// The answer of a route.
   void takeAnswer(std::shared_ptr<VELResponse> response, std::optional<VELError> error);
+  /// The route wants to know when nobody waits for its answer any more.
+  void whenClientLeaves(std::shared_ptr<const ResponseCall> call, std::function<void()> callback);
   /// The route has let go of its response handler without an answer.
   void answerWillNotCome();
 

@@ -1,6 +1,7 @@
 // Reading a request: the lines of its head, its route, its body.
 #include <algorithm>
 #include <chrono>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -79,9 +80,9 @@ void ConnectionEngine::headLineDidCome(std::string_view line) {
   HeadStep step = reader.didRead(line, &head, limits);
   if (step == HeadStep::kReadLine) {
     // Most heads come whole: their further lines need no read each.
-    const std::string_view input = socket_->inputAtHand();
+    const std::span<const char> input = socket_->inputAtHand();
     size_t taken = 0;
-    step = reader.didReadLines(input, &taken, &head, limits);
+    step = reader.didReadLines({input.data(), input.size()}, &taken, &head, limits);
     if (taken > 0) socket_->takeInput(taken);
   }
   switch (step) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -65,6 +66,8 @@ struct Exchange {
   // Middlewares of the configuration, counted from the first, that see the answer.
   size_t middlewares_asked = 0;
 
+  // What the route wants called when the client goes before there is an answer; none for most routes.
+  std::unique_ptr<const std::function<void()>> client_left;
   // None while there is no answer, and for fixed answers.
   std::shared_ptr<VELResponse> response;
   std::optional<Transmitter> transmitter;

@@ -26,4 +26,11 @@ void ResponseCall::answer(std::shared_ptr<VELResponse> response, std::optional<V
   if (connection) engine_.takeAnswer(std::move(response), std::move(error));
 }
 
+void ResponseCall::whenClientLeaves(const std::shared_ptr<ResponseSink>& self,
+                                    std::function<void()> callback) {
+  const std::shared_ptr<VELHTTPConnection> connection = connection_.lock();
+  if (!connection) return callback();
+  engine_.whenClientLeaves(std::static_pointer_cast<ResponseCall>(self), std::move(callback));
+}
+
 }  // namespace vel

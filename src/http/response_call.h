@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -24,6 +25,9 @@ class ResponseCall final : public ResponseSink {
   ~ResponseCall() override;
 
   void answer(std::shared_ptr<VELResponse> response, std::optional<VELError> error) override;
+  void whenClientLeaves(const std::shared_ptr<ResponseSink>& self,
+                        std::function<void()> callback) override;
+  bool isAnswered() const noexcept { return is_answered_.load(std::memory_order_acquire); }
 
  private:
   const std::weak_ptr<VELHTTPConnection> connection_;

@@ -108,6 +108,8 @@ class EventLoop {
   /// The same, but waits for something to become ready first, `most` at the longest.
   void driveOnce(ThreadRecord& thread, std::chrono::milliseconds most);
   void requestStop() noexcept;
+  /// Nobody will drive the loop any more. Queue: any.
+  bool hasStopped() const noexcept { return stop_.load(std::memory_order_relaxed); }
   /// Drops what is still posted. Queue: nobody drives the loop any more.
   void dropWork() noexcept;
 

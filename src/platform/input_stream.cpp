@@ -51,6 +51,7 @@ class StreamBase : public VELInputStream {
 class DataStream final : public StreamBase {
  public:
   explicit DataStream(std::string data) : data_(std::move(data)) {}
+  std::optional<uint64_t> length() const override { return data_.size(); }
 
  protected:
   bool openSource() override { return true; }
@@ -73,6 +74,7 @@ class DataStream final : public StreamBase {
 class FileStream final : public StreamBase {
  public:
   explicit FileStream(std::string path) : path_(std::move(path)) {}
+  std::optional<uint64_t> length() const override { return vel::fileSize(file_); }
 
  protected:
   bool openSource() override {

@@ -1,6 +1,8 @@
 #include "platform/outgoing.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 #include "platform/file_region.h"
 
@@ -17,14 +19,10 @@ MonotonicTime started(MonotonicTime due, std::chrono::milliseconds timeout, Mono
 
 void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
   size_t length = data.length();
-  const bool in_line = first_item_ < items_.size();
   const size_t small = FileRegion::of(data) != nullptr ? kSmallRegion : kSmall;
-  if (in_line || length > small || gathered() + length > kGather) {
-    // Copied, not moved: borrowed bytes must not wait here.
-    items_.push_back({data, timeout, kNever, tag});
-    unsent_ += length;
-    if (length == 0) didSend(0);
-    return;
+  // Copied, not moved: borrowed bytes must not wait here.
+  if (isInLine() || length > small || gathered() + length > kGather) {
+    return line(VELData(data), timeout, tag);
   }
   const uint64_t begin = gather_base_ + gather_.size();
   length = gather(data);
@@ -32,6 +30,74 @@ void Outgoing::append(VELData data, std::chrono::milliseconds timeout, int64_t t
   unsent_ += length;
   if (timeout.count() >= 0) marks_.push_back({begin, begin + length, timeout, kNever});
   done_.push_back(tag);
+}
+
+void Outgoing::append(std::string_view head, const VELData& data,
+                      std::chrono::milliseconds timeout) {
+  const size_t length = head.size() + data.length();
+  if (head.empty() && gathered() == 0) return line(data, timeout, std::nullopt);
+  if (isInLine() && gathered() == 0 && item_sent_ == 0 && unsent_ + length <= kSmall) gatherItems();
+  if (!isInLine() && length <= kSmall && gathered() + length <= kGather) {
+    return gather(head, data, timeout);
+  }
+  std::string joined(head);
+  joined += data.view();
+  line(VELData(std::move(joined)), timeout, std::nullopt);
+}
+
+void Outgoing::appendLent(std::string_view head, const VELData& data,
+                          std::chrono::milliseconds timeout) {
+  if (!isInLine() && gathered() + head.size() <= kGather) {
+    gather(head, VELData(), timeout);
+  } else {
+    line(VELData::dataWithBytes(head.data(), head.size()), timeout, std::nullopt);
+  }
+  line(data.subdata(0, data.length()), timeout, std::nullopt);
+}
+
+void Outgoing::keepLent() {
+  if (!isInLine()) return;
+  Item& last = items_.back();
+  if (first_item_ + 1 == items_.size() && item_sent_ > 0) {
+    last.data = last.data.subdata(item_sent_, last.data.length());
+    item_sent_ = 0;
+  }
+  last.data = VELData(last.data);
+}
+
+void Outgoing::line(VELData data, std::chrono::milliseconds timeout, std::optional<int64_t> tag) {
+  const size_t length = data.length();
+  items_.push_back({std::move(data), timeout, kNever, tag});
+  unsent_ += length;
+  if (length == 0) didSend(0);
+}
+
+void Outgoing::gather(std::string_view head, const VELData& data,
+                      std::chrono::milliseconds timeout) {
+  const uint64_t begin = gather_base_ + gather_.size();
+  const size_t length = head.size() + data.length();
+  uint8_t* room = gather_.room(length);
+  if (!head.empty()) std::memcpy(room, head.data(), head.size());
+  if (!data.isEmpty()) std::memcpy(room + head.size(), data.bytes(), data.length());
+  gather_.add(length);
+  unsent_ += length;
+  if (timeout.count() >= 0) marks_.push_back({begin, begin + length, timeout, kNever});
+}
+
+// Lets what waits in line leave with what comes behind it.
+void Outgoing::gatherItems() {
+  for (size_t i = first_item_; i < items_.size(); ++i) {
+    const Item& item = items_[i];
+    const uint64_t begin = gather_base_ + gather_.size();
+    const size_t length = gather(item.data);
+    unsent_ -= item.data.length() - length;
+    if (item.timeout.count() >= 0) {
+      marks_.push_back({begin, begin + length, item.timeout, item.due});
+    }
+    if (item.tag) done_.push_back(*item.tag);
+  }
+  items_.clear();
+  first_item_ = 0;
 }
 
 // Returns how many bytes there were: a file may have become shorter.
@@ -47,8 +113,7 @@ size_t Outgoing::gather(const VELData& data) {
   return read;
 }
 
-int Outgoing::vectors(iovec* vectors, int most, RegionRest* region) const noexcept {
-  *region = RegionRest();
+int Outgoing::vectorsOfLine(iovec* vectors, int most, RegionRest* region) const noexcept {
   int count = 0;
   if (gathered() > 0) {
     vectors[count].iov_base = const_cast<uint8_t*>(gather_.data() + gather_sent_);
@@ -67,18 +132,12 @@ int Outgoing::vectors(iovec* vectors, int most, RegionRest* region) const noexce
   return count;
 }
 
-void Outgoing::didSend(size_t length) {
+void Outgoing::didSendPart(size_t length) {
   unsent_ -= length;
   const size_t from_gather = std::min(length, gathered());
   gather_sent_ += from_gather;
   length -= from_gather;
-  if (gather_sent_ == gather_.size()) {
-    gather_base_ += gather_.size();
-    gather_.clear();
-    gather_sent_ = 0;
-    marks_.clear();
-    first_mark_ = 0;
-  }
+  if (gather_sent_ == gather_.size()) emptyGather();
   if (gathered() > 0) return;
   while (first_item_ < items_.size()) {
     Item& item = items_[first_item_];
@@ -89,7 +148,7 @@ void Outgoing::didSend(size_t length) {
     }
     length -= rest;
     item_sent_ = 0;
-    done_.push_back(item.tag);
+    if (item.tag) done_.push_back(*item.tag);
     item.data = VELData();
     ++first_item_;
   }

@@ -6,7 +6,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "corvane/data.h"
@@ -43,6 +45,13 @@ class Outgoing {
 
   /// Takes a write. Shape: a negative time-out means none.
   void append(VELData data, std::chrono::milliseconds timeout, int64_t tag);
+  /// Takes a write of `head` and `data` together, of which nothing is told. Without a head the data wait by
+  /// reference, unless small writes come behind them before any is sent: then all of them are gathered.
+  void append(std::string_view head, const VELData& data, std::chrono::milliseconds timeout);
+  /// The same for much. Data that are lent are not copied before `keepLent`.
+  void appendLent(std::string_view head, const VELData& data, std::chrono::milliseconds timeout);
+  /// Copies what has not been sent of the data that are lent, which are the last.
+  void keepLent();
 
   /// Nothing is left to send.
   bool isSent() const noexcept { return unsent_ == 0; }
@@ -52,9 +61,18 @@ class Outgoing {
 
   /// The first bytes to send that are in memory, and `region`, which follows them, without a region when
   /// there is none. Returns the number of vectors used.
-  int vectors(iovec* vectors, int most, RegionRest* region) const noexcept;
+  int vectors(iovec* vectors, int most, RegionRest* region) const noexcept {
+    *region = RegionRest();
+    if (isInLine()) return vectorsOfLine(vectors, most, region);
+    vectors[0] = {const_cast<uint8_t*>(gather_.data() + gather_sent_), gathered()};
+    return gathered() > 0 ? 1 : 0;
+  }
   /// The system took `length` bytes.
-  void didSend(size_t length);
+  void didSend(size_t length) {
+    if (length < gathered() || isInLine()) return didSendPart(length);
+    unsent_ = 0;
+    emptyGather();
+  }
 
   bool hasDone() const noexcept { return told_ < done_.size(); }
   /// The tag of the next write that counts as written.
@@ -77,7 +95,8 @@ class Outgoing {
     VELData data;
     std::chrono::milliseconds timeout;
     MonotonicTime due;
-    int64_t tag;
+    // None: nothing is told.
+    std::optional<int64_t> tag;
   };
   // The time-out of what lies in the buffer between two places, counted from the first byte ever
   // gathered.
@@ -88,8 +107,21 @@ class Outgoing {
     MonotonicTime due;
   };
 
+  int vectorsOfLine(iovec* vectors, int most, RegionRest* region) const noexcept;
+  void didSendPart(size_t length);
+  void emptyGather() noexcept {
+    gather_base_ += gather_.size();
+    gather_.clear();
+    gather_sent_ = 0;
+    marks_.clear();
+    first_mark_ = 0;
+  }
   size_t gathered() const noexcept { return gather_.size() - gather_sent_; }
   size_t gather(const VELData& data);
+  void gatherItems();
+  void gather(std::string_view head, const VELData& data, std::chrono::milliseconds timeout);
+  void line(VELData data, std::chrono::milliseconds timeout, std::optional<int64_t> tag);
+  bool isInLine() const noexcept { return first_item_ < items_.size(); }
 
   GrowingBuffer gather_;
   size_t gather_sent_ = 0;

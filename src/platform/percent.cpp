@@ -57,17 +57,36 @@ std::optional<std::string> percentDecodedText(std::string_view text, PlusSign pl
   return decoded;
 }
 
-void appendPercentEncodedPath(std::string_view path, std::string* out) {
-  out->reserve(out->size() + path.size());
-  for (const char c : path) {
-    if (isPathCharacter(c)) {
-      out->push_back(c);
+namespace {
+
+/// Escapes all but the bytes that `isKept`, asked for each position, lets stand.
+template <class IsKept>
+void appendPercentEncoded(std::string_view text, IsKept isKept, std::string* out) {
+  out->reserve(out->size() + text.size());
+  for (size_t at = 0; at < text.size(); ++at) {
+    if (isKept(at)) {
+      out->push_back(text[at]);
       continue;
     }
-    const auto digits = hexDigits(static_cast<uint8_t>(c), true);
+    const auto digits = hexDigits(static_cast<uint8_t>(text[at]), true);
     out->push_back('%');
     out->append(digits.data(), digits.size());
   }
+}
+
+}  // namespace
+
+void appendPercentEncodedPath(std::string_view path, std::string* out) {
+  appendPercentEncoded(
+      path, [path](size_t at) { return isPathCharacter(path[at]); }, out);
+}
+
+void appendPercentEncodedQuery(std::string_view query, std::string* out) {
+  const auto isKept = [query](size_t at) {
+    if (query[at] == '%') return escapedByte(query, at) >= 0;
+    return query[at] == '?' || isPathCharacter(query[at]);
+  };
+  appendPercentEncoded(query, isKept, out);
 }
 
 }  // namespace vel

@@ -21,6 +21,10 @@ bool appendPercentDecoded(std::string_view text, MalformedEscape malformed, Plus
 /// `text` decoded; none when an escape is malformed or what the escapes spell is not UTF-8.
 std::optional<std::string> percentDecodedText(std::string_view text, PlusSign plus);
 
+/// Appends `query`, whose escapes stay, with every other byte escaped that a query cannot hold as it is
+/// (RFC 3986 §3.4).
+void appendPercentEncodedQuery(std::string_view query, std::string* out);
+
 /// Appends `path` with every byte escaped that a path cannot hold as it is (RFC 3986 §3.3).
 void appendPercentEncodedPath(std::string_view path, std::string* out);
 

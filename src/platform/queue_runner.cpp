@@ -18,14 +18,6 @@ std::mutex& waitingMutex() {
   return *mutex;
 }
 
-thread_local ThreadRecord* t_record = nullptr;
-
-ThreadRecord& makeThreadRecord() noexcept {
-  thread_local ThreadRecord record;
-  t_record = &record;
-  return record;
-}
-
 QueueNode* nodeOf(uintptr_t word) noexcept {
   return reinterpret_cast<QueueNode*>(word & ~QueueRunner::kBits);
 }
@@ -35,11 +27,13 @@ QueueNode* nodeOf(uintptr_t word) noexcept {
 // Who looks for a circle may have found this record in a queue that the thread held a moment ago.
 ThreadRecord::~ThreadRecord() {
   std::lock_guard lock(waitingMutex());
-  t_record = nullptr;
+  current_ = nullptr;
 }
 
-ThreadRecord& ThreadRecord::current() noexcept {
-  return t_record != nullptr ? *t_record : makeThreadRecord();
+ThreadRecord& ThreadRecord::make() noexcept {
+  thread_local ThreadRecord record;
+  current_ = &record;
+  return record;
 }
 
 Workspace& ThreadRecord::workspace() {
@@ -54,12 +48,6 @@ QueueFrame::QueueFrame(VELSerialQueue& held_queue, ThreadRecord& running_thread,
 }
 
 QueueFrame::~QueueFrame() { thread.frame = outer; }
-
-QueueFrame* QueueFrame::heldByThisThread(const VELSerialQueue* queue) noexcept {
-  QueueFrame* frame = t_record != nullptr ? t_record->frame : nullptr;
-  while (frame != nullptr && frame->queue != queue) frame = frame->outer;
-  return frame;
-}
 
 void QueueFrame::listTurnEnd(TurnEnd& end) noexcept {
   if (end.isListed()) return;
@@ -242,7 +230,8 @@ void QueueRunner::runAndFree(VELSerialQueue& queue, EventSource* source, uint32_
 }
 
 bool QueueRunner::isHeldByThisThread(const VELSerialQueue& queue) noexcept {
-  return t_record != nullptr && queue.owner_.load(std::memory_order_relaxed) == t_record;
+  const ThreadRecord* thread = ThreadRecord::currentIfAny();
+  return thread != nullptr && queue.owner_.load(std::memory_order_relaxed) == thread;
 }
 
 // Runs the work posted before a `sync`; readiness and time-outs stay for the loop, in their order.

@@ -18,7 +18,9 @@ class Workspace;
 struct ThreadRecord {
   ~ThreadRecord();
   /// The calling thread's.
-  static ThreadRecord& current() noexcept;
+  static ThreadRecord& current() noexcept { return current_ != nullptr ? *current_ : make(); }
+  /// The same; none before its first use.
+  static ThreadRecord* currentIfAny() noexcept { return current_; }
   Workspace& workspace();
 
   /// The innermost queue that this thread runs.
@@ -29,6 +31,9 @@ struct ThreadRecord {
   VELSerialQueue* waiting_for = nullptr;
 
  private:
+  static ThreadRecord& make() noexcept;
+
+  static inline constinit thread_local ThreadRecord* current_ = nullptr;
   std::unique_ptr<Workspace> workspace_;
 };
 
@@ -40,7 +45,12 @@ struct QueueFrame {
   QueueFrame& operator=(const QueueFrame&) = delete;
 
   /// The calling thread's hold on `queue`, if it has one.
-  static QueueFrame* heldByThisThread(const VELSerialQueue* queue) noexcept;
+  static QueueFrame* heldByThisThread(const VELSerialQueue* queue) noexcept {
+    const ThreadRecord* thread = ThreadRecord::currentIfAny();
+    QueueFrame* frame = thread != nullptr ? thread->frame : nullptr;
+    while (frame != nullptr && frame->queue != queue) frame = frame->outer;
+    return frame;
+  }
 
   /// Asks for `end.turnWillEnd` before the queue is given free.
   void listTurnEnd(TurnEnd& end) noexcept;

@@ -133,6 +133,15 @@ std::string VELSerialQueue::label() const {
 }
 
 void VELSerialQueue::setSpecific(const void* key, void* value) {
+  bool is_kept = false;
+  if (key != nullptr && value == key) {
+    void* present = nullptr;
+    is_kept = self_specific_.compare_exchange_strong(present, value) || present == value;
+  } else if (void* present = const_cast<void*>(key); present != nullptr) {
+    self_specific_.compare_exchange_strong(present, nullptr);
+  }
+  if (is_kept) value = nullptr;
+  if (value == nullptr && extras_.load(std::memory_order_acquire) == nullptr) return;
   vel::QueueExtras& extras = extrasOf(extras_);
   std::lock_guard lock(extras.mutex);
   if (value == nullptr) {
@@ -143,6 +152,8 @@ void VELSerialQueue::setSpecific(const void* key, void* value) {
 }
 
 void* VELSerialQueue::specific(const void* key) const {
+  void* self = self_specific_.load(std::memory_order_acquire);
+  if (self != nullptr && self == key) return self;
   vel::QueueExtras* extras = extras_.load(std::memory_order_acquire);
   if (extras == nullptr) return nullptr;
   std::lock_guard lock(extras->mutex);

@@ -15,6 +15,10 @@ namespace {
 
 // How long a closed connection goes on taking in what the peer sends.
 constexpr MonotonicTime kLingerTime = 2'000'000'000;
+// Larger writes of a head and data are not copied to leave with others: they leave at once.
+constexpr size_t kGatheredWrite = 8 * 1024;
+// So do all that have been gathered when there are more: the rest would have to wait one by one.
+constexpr size_t kMostGathered = 48 * 1024;
 
 }  // namespace
 
@@ -36,17 +40,8 @@ StreamSocket::Extras& StreamSocket::extras() {
   return *extras_;
 }
 
-// This thread's hold on the socket; none when a call has to be posted. The queue is looked up first: who
-// sees the new one sees the move, too.
-QueueFrame* StreamSocket::holdingFrame() const noexcept {
-  QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue());
-  const bool is_moving = move_state_.load(std::memory_order_acquire) == MoveState::kUnderWay;
-  return is_moving ? nullptr : frame;
-}
-
 // What nobody else keeps alive until the end of the turn is kept by the turn.
-void StreamSocket::seeToTurnEnd(QueueFrame& frame) {
-  if (is_serving_ || isListed()) return;
+void StreamSocket::listForTurnEnd(QueueFrame& frame) {
   // Once it has ended, `self_` belongs to the notice that is still on its way.
   if (state() == State::kEnded || !self_) frame.bury(shared_from_this());
   frame.listTurnEnd(*this);
@@ -86,6 +81,11 @@ void StreamSocket::readDataToLength(size_t length, std::chrono::milliseconds tim
   onQueue([=](StreamSocket& socket) { socket.addRead({length, tag, timeout, ReadEnd::kLength}); });
 }
 
+void StreamSocket::waitForInput(size_t length, std::chrono::milliseconds timeout, int64_t tag) {
+  const ReadRequest request{length, tag, timeout, ReadEnd::kWait};
+  onQueue([request](StreamSocket& socket) { socket.addRead(request); });
+}
+
 void StreamSocket::writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
   QueueFrame* frame = holdingFrame();
   if (frame == nullptr) {
@@ -94,15 +94,43 @@ void StreamSocket::writeData(VELData data, std::chrono::milliseconds timeout, in
     });
     return;
   }
-  const bool takes = state() == State::kOpen || state() == State::kConnecting;
-  if (!takes || closes_after_writing_) return;
-  if (!is_registered_ && !open()) return seeToTurnEnd(*frame);
-  if (!outgoing_) {
-    outgoing_ =
-        frame->driven ? frame->thread.workspace().takeOutgoing() : std::make_unique<Outgoing>();
-  }
+  if (!beginWrite(*frame)) return;
   outgoing_->append(std::move(data), timeout, tag);
   seeToTurnEnd(*frame);
+}
+
+void StreamSocket::writeHeadAndData(std::string_view head, const VELData& data,
+                                    std::chrono::milliseconds timeout, int64_t tag) {
+  QueueFrame* frame = holdingFrame();
+  if (frame == nullptr) return VELSocket::writeHeadAndData(head, data, timeout, tag);
+  if (frame->driven && addToBurst(frame->thread.workspace(), head, data, timeout)) {
+    return seeToTurnEnd(*frame);
+  }
+  if (!beginWrite(*frame)) return;
+  seeToTurnEnd(*frame);
+  const bool can_send = frame->driven && is_writable_ && state() == State::kOpen;
+  if (!can_send || head.size() + data.length() <= kGatheredWrite) {
+    outgoing_->append(head, data, timeout);
+    if (can_send && outgoing_->unsent() > kMostGathered) flush();
+    return;
+  }
+  outgoing_->appendLent(head, data, timeout);
+  flush();
+  if (outgoing_) outgoing_->keepLent();
+}
+
+// Sees to it that there is a place for what is to be written; false when nothing can be.
+bool StreamSocket::beginWrite(QueueFrame& frame) {
+  const bool takes = state() == State::kOpen || state() == State::kConnecting;
+  if (!takes || closes_after_writing_) return false;
+  if (has_burst_) settleBurst();
+  if (!is_registered_ && !open()) {
+    seeToTurnEnd(frame);
+    return false;
+  }
+  if (outgoing_) return true;
+  outgoing_ = frame.driven ? frame.thread.workspace().takeOutgoing() : std::make_unique<Outgoing>();
+  return true;
 }
 
 void StreamSocket::startTLS(const VELTLSSettings& settings) {
@@ -128,7 +156,12 @@ void StreamSocket::expectUnreadInput() {
   onQueue([](StreamSocket& socket) { socket.expects_unread_input_ = true; });
 }
 
+void StreamSocket::setEndsWithPeer(bool endsWithPeer) {
+  onQueue([endsWithPeer](StreamSocket& socket) { socket.ends_with_peer_ = endsWithPeer; });
+}
+
 size_t StreamSocket::unsentLength() const {
+  if (has_burst_) return ThreadRecord::current().workspace().burst().bytes.size();
   const size_t encrypted = tls_ ? tls_->output.size() - tls_->output_sent : 0;
   return encrypted + (outgoing_ ? outgoing_->unsent() : 0);
 }
@@ -165,6 +198,7 @@ void StreamSocket::addRead(const ReadRequest& request) {
 
 void StreamSocket::beginTls(const VELTLSSettings& settings) {
   if (tls_ || (!is_registered_ && !open())) return;
+  if (has_burst_) settleBurst();
   VELError error;
   auto tls = std::make_unique<Tls>();
   tls->session = TlsSession::create(settings, &error);
@@ -204,9 +238,11 @@ void StreamSocket::end(std::optional<VELError> error) {
   const bool lingers =
       closes_after_writing_ && is_registered_ && !hung_up_ && may_be_unread && unsentLength() == 0;
   dropReads();
+  if (has_burst_) settleBurst(std::string::npos);
   outgoing_.reset();
   input_ = {};
-  kept_input_.reset();
+  // A callback may still be looking at them.
+  if (!is_serving_) kept_input_.reset();
   Deadline::disarm();
   if (lingers) {
     finishSending();
@@ -253,6 +289,14 @@ void StreamSocket::didRetire(QueueFrame& frame) {
 }
 
 }  // namespace vel
+
+void VELSocket::writeHeadAndData(std::string_view head, const VELData& data,
+                                 std::chrono::milliseconds timeout, int64_t tag) {
+  if (head.empty()) return writeData(data, timeout, tag);
+  std::string joined(head);
+  joined += data.view();
+  writeData(VELData(std::move(joined)), timeout, tag);
+}
 
 const VELData& VELSocket::CRLFData() {
   static const auto* data = new VELData(VELData::dataWithStaticBytes("\r\n"));

@@ -3,12 +3,14 @@
 // go in stream_socket_io.cpp, the change of queue in stream_socket_move.cpp.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,14 +45,18 @@ class StreamSocket : public VELSocket,
 
   void readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                       size_t maxLength, int64_t tag) override;
-  std::string_view inputAtHand() const override;
-  void takeInput(size_t length) override { input_.remove_prefix(length); }
+  std::span<char> inputAtHand() const override;
+  void takeInput(size_t length) override { input_.remove_prefix(std::min(length, input_.size())); }
+  void waitForInput(size_t length, std::chrono::milliseconds timeout, int64_t tag) override;
   void readDataToLength(size_t length, std::chrono::milliseconds timeout, int64_t tag) override;
   void writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) override;
+  void writeHeadAndData(std::string_view head, const VELData& data,
+                        std::chrono::milliseconds timeout, int64_t tag) override;
   void startTLS(const VELTLSSettings& settings) override;
   void disconnect() override;
   void disconnectAfterWriting() override;
   void expectUnreadInput() override;
+  void setEndsWithPeer(bool endsWithPeer) override;
   void setDelegate(std::weak_ptr<VELSocketDelegate> delegate,
                    std::shared_ptr<VELSerialQueue> delegateQueue) override;
   std::shared_ptr<VELSerialQueue> delegateQueue() const override;
@@ -83,7 +89,8 @@ class StreamSocket : public VELSocket,
   /// Only for sockets that listen.
   virtual void stopListening() {}
 
-  enum class ReadEnd : uint8_t { kLength, kCRLF, kTerminator };
+  // kWait takes nothing.
+  enum class ReadEnd : uint8_t { kLength, kWait, kCRLF, kTerminator };
   struct ReadRequest {
     // Length to read, or the maximum for a terminator (0: none).
     uint64_t length = 0;
@@ -103,7 +110,13 @@ class StreamSocket : public VELSocket,
   };
   State state() const noexcept { return state_.load(std::memory_order_relaxed); }
   Extras& extras();
-  QueueFrame* holdingFrame() const noexcept;
+  // This thread's hold on the socket; none when a call has to be posted. The queue is looked up first: who
+  // sees the new one sees the move, too.
+  QueueFrame* holdingFrame() const noexcept {
+    QueueFrame* frame = QueueFrame::heldByThisThread(sourceQueue());
+    const bool is_moving = move_state_.load(std::memory_order_acquire) == MoveState::kUnderWay;
+    return is_moving ? nullptr : frame;
+  }
   // Guards which queue a socket belongs to. Held around nothing but the posting of a call.
   static std::mutex& queueMutex();
   template <class Call>
@@ -116,7 +129,10 @@ class StreamSocket : public VELSocket,
     }
   }
   void postCall(std::function<void(StreamSocket&)> call);
-  void seeToTurnEnd(QueueFrame& frame);
+  void seeToTurnEnd(QueueFrame& frame) {
+    if (!is_serving_ && !isListed()) listForTurnEnd(frame);
+  }
+  void listForTurnEnd(QueueFrame& frame);
   void end(std::optional<VELError> error);
   // The transport stands and is watched.
   void didOpen();
@@ -177,6 +193,7 @@ class StreamSocket : public VELSocket,
 
   // stream_socket.cpp, on the queue
   bool open();
+  bool beginWrite(QueueFrame& frame);
   void addRead(const ReadRequest& request);
   size_t findTerminator(std::string_view input) noexcept;
   void beginTls(const VELTLSSettings& settings);
@@ -209,13 +226,17 @@ class StreamSocket : public VELSocket,
   bool serveOnce(VELSocketDelegate& delegate, Workspace& workspace);
   bool serveRead(VELSocketDelegate& delegate, Workspace& workspace);
   void deliver(VELSocketDelegate& delegate, size_t length);
+  void deliverPiece(VELSocketDelegate& delegate, Workspace& workspace);
   bool receive(Workspace& workspace);
-  void makeRoomInPiece(Workspace& workspace);
+  bool wantsPiece() const noexcept;
+  bool makeRoomInPiece(Workspace& workspace);
+  void growPiece(Workspace& workspace, size_t filled);
   bool sendNow();
   bool isForsaken(long own_references) const noexcept;
   void finishTurn(Workspace& workspace);
   void finishWriting();
   void keepInput() noexcept;
+  void endWithoutMemory() noexcept;
   void moveInput();
   void linger(Workspace& workspace);
   void armDeadlines();
@@ -224,6 +245,10 @@ class StreamSocket : public VELSocket,
 
   // stream_socket_io.cpp
   void flush();
+  bool addToBurst(Workspace& workspace, std::string_view head, const VELData& data,
+                  std::chrono::milliseconds timeout);
+  void flushBurst();
+  void settleBurst(size_t sent = 0) noexcept;
   bool flushRegion(const RegionRest& region);
   void flushTls();
   void countSentSlices();
@@ -249,9 +274,11 @@ class StreamSocket : public VELSocket,
   bool has_read_ : 1 = false;
   bool closes_after_writing_ : 1 = false;
   bool expects_unread_input_ : 1 = false;
+  bool ends_with_peer_ : 1 = false;
   bool is_ending_ : 1 = false;
   bool owes_end_ : 1 = false;
   bool is_serving_ : 1 = false;
+  bool has_burst_ : 1 = false;  // the thread's burst holds writes of this turn
   bool delegate_changed_ : 1 = false;
   bool had_grace_ : 1 = false;  // the read at hand was late, but its bytes might be here
   uint32_t scanned_ = 0;        // bytes of the input known to hold no terminator

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/file_region.h"
@@ -40,9 +41,71 @@ void StreamSocket::gotWriteError(int error) {
   }
 }
 
+// Puts a write behind those of this turn, as long as nothing else waits to be sent; false when it has to go
+// the usual way, as it has for data without a head: many share them, and they are not copied.
+bool StreamSocket::addToBurst(Workspace& workspace, std::string_view head, const VELData& data,
+                              std::chrono::milliseconds timeout) {
+  Burst& burst = workspace.burst();
+  const size_t length = head.size() + data.length();
+  if (head.empty() || length > Burst::kMost || closes_after_writing_) return false;
+  if (has_burst_ && burst.bytes.size() + length > Burst::kMost) flush();
+  if (!has_burst_) {
+    const bool can_send =
+        is_registered_ && is_writable_ && state() == State::kOpen && !outgoing_ && !tls_;
+    if (!can_send || burst.owner != nullptr) return false;
+    burst.timeout = timeout;
+  }
+  if (burst.timeout != timeout) return false;
+  uint8_t* room = burst.bytes.room(length);
+  std::memcpy(room, head.data(), head.size());
+  if (!data.isEmpty()) std::memcpy(room + head.size(), data.bytes(), data.length());
+  burst.ends.push_back(burst.bytes.size() + length);
+  burst.bytes.add(length);
+  burst.owner = this;
+  has_burst_ = true;
+  return true;
+}
+
+void StreamSocket::flushBurst() {
+  Burst& burst = ThreadRecord::current().workspace().burst();
+  const iovec vector{const_cast<uint8_t*>(burst.bytes.data()), burst.bytes.size()};
+  const ptrdiff_t sent = sendBytes(&vector, 1, false);
+  if (sent == static_cast<ptrdiff_t>(vector.iov_len)) {
+    has_burst_ = false;
+    return burst.release();
+  }
+  const int error = errno;
+  settleBurst(sent < 0 ? 0 : static_cast<size_t>(sent));
+  if (sent < 0) return gotWriteError(error);
+  // The system's buffer is full: it will tell when there is room.
+  is_writable_ = false;
+}
+
+// Makes the burst free again: what is left behind the first `sent` bytes waits with the socket. Without memory
+// for it the connection ends.
+void StreamSocket::settleBurst(size_t sent) noexcept {
+  Workspace& workspace = ThreadRecord::current().workspace();
+  Burst& burst = workspace.burst();
+  has_burst_ = false;
+  try {
+    if (sent < burst.bytes.size()) outgoing_ = workspace.takeOutgoing();
+    const std::string_view bytes(reinterpret_cast<const char*>(burst.bytes.data()),
+                                 burst.bytes.size());
+    for (const size_t end : burst.ends) {
+      if (end > sent) outgoing_->append(bytes.substr(sent, end - sent), VELData(), burst.timeout);
+      sent = std::max(sent, end);
+    }
+  } catch (const std::bad_alloc&) {
+    outgoing_.reset();
+    endWithoutMemory();
+  }
+  burst.release();
+}
+
 // Sends what the system takes now.
 void StreamSocket::flush() {
   if (state() != State::kOpen) return;
+  if (has_burst_) return flushBurst();
   if (tls_) return flushTls();
   while (outgoing_ && !outgoing_->isSent() && is_writable_) {
     iovec vectors[Outgoing::kMostVectors];

@@ -1,6 +1,7 @@
 // StreamSocket, the end of a turn: completions are told and reads served out of what has come, in a loop, and
 // what was written leaves together.
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -31,7 +32,7 @@ constexpr size_t kKeptTlsOutput = 1024;
 constexpr size_t kShortLine = 1024;
 // A read of a length beyond this is gathered in a buffer of its own.
 constexpr size_t kPieceFrom = Workspace::kReceive / 2;
-// What such a buffer begins with at most: a peer that announces much must send it before it costs memory.
+// What such a buffer begins with at most: who announces much must send it before it costs memory.
 constexpr size_t kFirstPiece = 1024 * 1024;
 
 }  // namespace
@@ -54,6 +55,7 @@ void StreamSocket::turnWillEnd(QueueFrame& frame) {
       serve(frame);
     }
   }
+  if (has_burst_) settleBurst();
   if (move_state_.load(std::memory_order_relaxed) == MoveState::kLeaving) finishMove(frame);
 }
 
@@ -70,6 +72,7 @@ void StreamSocket::serve(QueueFrame& frame) {
     ~Serving() {
       socket.is_serving_ = false;
       socket.keepInput();
+      if (socket.has_burst_) socket.settleBurst();
       if (!is_interrupted) return;
       if (socket.is_registered_) socket.notify(kServe);
       if (socket.owes_end_) socket.seeToTurnEnd(turn);
@@ -114,7 +117,8 @@ void StreamSocket::serveOpen(Workspace& workspace) {
 
 void StreamSocket::finishTurn(Workspace& workspace) {
   if (state() == State::kOpen) finishWriting();
-  if (state() == State::kOpen && hung_up_ && !has_read_) {
+  const bool has_lost_peer = hung_up_ || (ends_with_peer_ && peer_finished_);
+  if (state() == State::kOpen && has_lost_peer && !has_read_) {
     end(VELError(VELSocketErrorDomain, kVELSocketClosed, "The peer closed the connection."));
   }
   if (outgoing_ && outgoing_->isEmpty()) {
@@ -160,17 +164,14 @@ bool StreamSocket::sendNow() {
 }
 
 bool StreamSocket::serveRead(VELSocketDelegate& delegate, Workspace& workspace) {
-  if (read_.end == ReadEnd::kLength) {
+  if (read_.end == ReadEnd::kLength || read_.end == ReadEnd::kWait) {
+    const size_t present = piece_ ? piece_->filled : input_.size();
+    if (present < read_.length) return false;
     if (piece_) {
-      if (piece_->filled < read_.length) return false;
-      const std::unique_ptr<Piece> piece = std::move(piece_);
-      input_ = {reinterpret_cast<const char*>(piece->bytes.get()), piece->filled};
-      deliver(delegate, piece->filled);
-      workspace.giveBack(std::move(piece->bytes), piece->capacity);
-      return true;
+      deliverPiece(delegate, workspace);
+    } else {
+      deliver(delegate, read_.length);
     }
-    if (input_.size() < read_.length) return false;
-    deliver(delegate, read_.length);
     return true;
   }
   const size_t length =
@@ -202,15 +203,18 @@ size_t StreamSocket::findTerminator(std::string_view input) noexcept {
   return end;
 }
 
-std::string_view StreamSocket::inputAtHand() const {
+std::span<char> StreamSocket::inputAtHand() const {
   const bool is_reading = is_serving_ && !has_read_ && !closes_after_writing_ &&
                           state() == State::kOpen &&
                           move_state_.load(std::memory_order_relaxed) == MoveState::kNone;
-  return is_reading ? input_ : std::string_view();
+  // The thread's buffer, the socket's own or a piece: all may be changed.
+  if (!is_reading || input_.empty()) return {};
+  return {const_cast<char*>(input_.data()), input_.size()};
 }
 
-// Hands the first `length` bytes of the input to the delegate.
+// Hands the first `length` bytes of the input to the delegate; none of them when it only waited for them.
 void StreamSocket::deliver(VELSocketDelegate& delegate, size_t length) {
+  if (read_.end == ReadEnd::kWait) length = 0;
   const VELData data = VELData::dataWithBorrowedBytes(input_.data(), length);
   const int64_t tag = read_.tag;
   input_.remove_prefix(length);
@@ -226,13 +230,38 @@ void StreamSocket::deliver(VELSocketDelegate& delegate, size_t length) {
   delegate.socketDidReadData(*this, data, tag);
 }
 
+void StreamSocket::deliverPiece(VELSocketDelegate& delegate, Workspace& workspace) {
+  const std::unique_ptr<Piece> piece = std::move(piece_);
+  input_ = {reinterpret_cast<const char*>(piece->bytes.get()), piece->filled};
+  // What is not taken, because of an exception too, stays.
+  struct Rest {
+    StreamSocket& socket;
+    ~Rest() {
+      if (socket.closes_after_writing_) socket.input_ = {};
+      if (!socket.input_.empty()) socket.keepInput();
+    }
+  };
+  {
+    const Rest rest{*this};
+    deliver(delegate, piece->filled);
+  }
+  workspace.giveBack(std::move(piece->bytes), piece->capacity);
+}
+
+// Whether what the present read misses is gathered in a buffer of its own. Input that is only waited for
+// comes into the thread's buffer first: until much of it is there, nothing is taken for the rest.
+bool StreamSocket::wantsPiece() const noexcept {
+  if (!has_read_ || read_.length <= kPieceFrom || read_.length <= input_.size()) return false;
+  if (read_.end == ReadEnd::kWait) return piece_ || input_.size() >= kPieceFrom;
+  return read_.end == ReadEnd::kLength;
+}
+
 // Gets more bytes behind those at hand. False when none come now.
 bool StreamSocket::receive(Workspace& workspace) {
   size_t length = 0;
   Fill result = Fill::kWouldBlock;
-  if (has_read_ && read_.end == ReadEnd::kLength && read_.length > kPieceFrom &&
-      read_.length > input_.size()) {
-    makeRoomInPiece(workspace);
+  if (wantsPiece()) {
+    if (!makeRoomInPiece(workspace)) return false;
     Piece& piece = *piece_;
     result =
         fill(piece.bytes.get() + piece.filled, piece.capacity - piece.filled, &length, workspace);
@@ -249,7 +278,8 @@ bool StreamSocket::receive(Workspace& workspace) {
       std::memmove(buffer.data(), input_.data(), kept);
     }
     // What is read ahead of a head may have to be kept for long; behind a short line come data.
-    const bool reads_head = has_read_ && read_.end != ReadEnd::kLength && read_.length > kShortLine;
+    const bool reads_line = read_.end == ReadEnd::kCRLF || read_.end == ReadEnd::kTerminator;
+    const bool reads_head = has_read_ && reads_line && read_.length > kShortLine;
     const size_t most = reads_head ? Workspace::kReceiveForHeads : buffer.size();
     result = fill(buffer.data() + kept, std::min(most, buffer.size() - kept), &length, workspace);
     if (state() != State::kOpen) return false;
@@ -265,11 +295,23 @@ bool StreamSocket::receive(Workspace& workspace) {
   return result == Fill::kGot;
 }
 
-void StreamSocket::makeRoomInPiece(Workspace& workspace) {
+// False without memory for it: that ends this connection, and no other work of its queue.
+bool StreamSocket::makeRoomInPiece(Workspace& workspace) {
   const size_t filled = piece_ ? piece_->filled : input_.size();
-  if (piece_ && filled < piece_->capacity) return;
+  if (piece_ && filled < piece_->capacity) return true;
+  try {
+    growPiece(workspace, filled);
+  } catch (const std::bad_alloc&) {
+    end(VELError(VELPOSIXErrorDomain, ENOMEM, std::strerror(ENOMEM)));
+    return false;
+  }
+  return true;
+}
+
+void StreamSocket::growPiece(Workspace& workspace, size_t filled) {
   auto larger = std::make_unique<Piece>();
-  larger->capacity = std::min<size_t>(read_.length, std::max(kFirstPiece, 2 * filled));
+  const size_t first = read_.end == ReadEnd::kWait ? 0 : kFirstPiece;
+  larger->capacity = std::min<size_t>(read_.length, std::max(first, 2 * filled));
   larger->bytes = workspace.takePiece(larger->capacity);
   larger->filled = filled;
   const void* bytes = piece_ ? static_cast<const void*>(piece_->bytes.get()) : input_.data();
@@ -299,12 +341,16 @@ void StreamSocket::keepInput() noexcept {
   try {
     moveInput();
   } catch (const std::bad_alloc&) {
-    input_ = {};
-    if (tls_) tls_->input = {};
-    dropReads();
-    closes_after_writing_ = true;
-    notify(kServe);
+    endWithoutMemory();
   }
+}
+
+void StreamSocket::endWithoutMemory() noexcept {
+  input_ = {};
+  if (tls_) tls_->input = {};
+  dropReads();
+  closes_after_writing_ = true;
+  notify(kServe);
 }
 
 void StreamSocket::moveInput() {
@@ -339,6 +385,9 @@ void StreamSocket::linger(Workspace& workspace) {
 void StreamSocket::armDeadlines() {
   if (state() == State::kLingering) return Deadline::armAt(*queue_, read_due_);
   if (state() != State::kOpen) return;
+  const bool waits_without_end = has_read_ && read_.timeout.count() < 0 && !outgoing_ && !tls_;
+  // Whatever was armed will look as well as anything.
+  if (waits_without_end && read_due_ == kNever && Deadline::isArmed()) return;
   const MonotonicTime now = coarseNow();
   const bool says_goodbye = tls_ && tls_->said_goodbye;
   if (!has_read_ && !isHandshaking() && !says_goodbye) {

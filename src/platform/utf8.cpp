@@ -8,14 +8,18 @@
 namespace vel {
 namespace {
 
-/// The count of bytes from `at` that are ASCII for certain: whole words only.
+/// The count of bytes from `at` on that are ASCII for certain: whole words only.
 size_t asciiWords(std::string_view text, size_t at) noexcept {
+  constexpr uint64_t kBeyond = 0x8080808080808080U;
   const size_t start = at;
-  uint64_t word;
-  while (text.size() - at >= sizeof word) {
-    std::memcpy(&word, text.data() + at, sizeof word);
-    if ((word & 0x8080808080808080U) != 0) break;
-    at += sizeof word;
+  uint64_t words[4];
+  for (; text.size() - at >= sizeof words; at += sizeof words) {
+    std::memcpy(words, text.data() + at, sizeof words);
+    if (((words[0] | words[1] | words[2] | words[3]) & kBeyond) != 0) break;
+  }
+  for (; text.size() - at >= sizeof words[0]; at += sizeof words[0]) {
+    std::memcpy(words, text.data() + at, sizeof words[0]);
+    if ((words[0] & kBeyond) != 0) break;
   }
   return at - start;
 }

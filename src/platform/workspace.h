@@ -1,13 +1,37 @@
 // Workspace: the buffers of one thread that drives loops. A connection that waits owns none of them.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "platform/growing_buffer.h"
 #include "platform/outgoing.h"
 
 namespace vel {
+
+/// The small writes of one socket's turn, put one behind the other where they cost least. What the system
+/// does not take at the end of the turn moves to the socket.
+struct Burst {
+  /// What it takes at most.
+  static constexpr size_t kMost = 32 * 1024;
+
+  /// None while it is free.
+  const void* owner = nullptr;
+  GrowingBuffer bytes;
+  /// Where each write ends.
+  std::vector<size_t> ends;
+  /// Of every write.
+  std::chrono::milliseconds timeout{-1};
+
+  void release() noexcept {
+    owner = nullptr;
+    bytes.clear();
+    ends.clear();
+  }
+};
 
 class Workspace {
  public:
@@ -36,6 +60,8 @@ class Workspace {
     return file_bytes_;
   }
 
+  Burst& burst() noexcept { return burst_; }
+
   std::unique_ptr<Outgoing> takeOutgoing() {
     return spare_outgoing_ ? std::move(spare_outgoing_) : std::make_unique<Outgoing>();
   }
@@ -62,6 +88,7 @@ class Workspace {
   std::vector<uint8_t> input_;
   std::vector<uint8_t> ciphertext_;
   std::vector<uint8_t> file_bytes_;
+  Burst burst_;
   std::unique_ptr<Outgoing> spare_outgoing_;
   std::unique_ptr<uint8_t[]> piece_;
   size_t piece_length_ = 0;

@@ -43,3 +43,7 @@ void VELResponseHandler::operator()(std::shared_ptr<VELResponse> response,
   // A handler that was moved from has passed its one call on.
   if (sink_) sink_->answer(std::move(response), std::move(error));
 }
+
+void VELResponseHandler::whenClientLeaves(std::function<void()> callback) const {
+  if (sink_) sink_->whenClientLeaves(sink_, std::move(callback));
+}

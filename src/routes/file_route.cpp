@@ -7,6 +7,7 @@
 
 #include "corvane/responses.h"
 #include "platform/file_tree.h"
+#include "routes/matched_path.h"
 
 struct VELFileRoute::Tree {
   explicit Tree(VELURL url) : root_url(std::move(url)), files(root_url.filePath()) {}
@@ -27,20 +28,6 @@ struct VELFileRoute::Target {
 namespace {
 
 constexpr std::string_view kDefaultIndexName = "index.html";
-
-/// The part of the path that names a file: what follows the match, without the slash between the two.
-std::string fileNameIn(const VELRequest& request) {
-  std::string path = request.path();
-  if (const std::optional<VELTextCheckingResult> match = request.textCheckingResult()) {
-    const VELTextRange range = match->range();
-    // Elsewhere than at the front it is a mere condition, unless the path begins with the same text.
-    const std::string matched =
-        range.location < path.size() ? path.substr(range.location, range.length) : "";
-    if (path.starts_with(matched)) path.erase(0, matched.size());
-  }
-  if (path.starts_with('/')) path.erase(0, 1);
-  return path;
-}
 
 /// `filePath` as a path relative to `root`; none when it is not below it.
 std::optional<std::string> pathBelow(const std::string& root, std::string filePath) {
@@ -79,7 +66,7 @@ void VELFileRoute::evaluateWithRequest(std::shared_ptr<VELRequest> request,
   }
   const std::shared_ptr<const Tree> served = tree();
   if (!served) return responseHandler(std::make_shared<VELNotFoundResponse>());
-  std::string path = fileNameIn(*request);
+  std::string path = vel::pathBehindMatch(*request);
   std::optional<vel::FoundFile> file = served->files.find(path);
   if (!file || !file->is_readable) {
     return responseHandler(std::make_shared<VELNotFoundResponse>());

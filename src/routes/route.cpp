@@ -1,7 +1,8 @@
-// The route base: its expression, its methods, its name. Which route gets a request is decided in
-// src/http/.
+// The route base: its expression, its methods, its name, its authenticators. Which route gets a
+// request is decided in src/http/, and what the authenticators say of it is the middleware's.
 #include "corvane/route.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "corvane/error.h"
@@ -92,6 +93,21 @@ std::optional<std::string> VELRoute::name() const {
 void VELRoute::setName(std::optional<std::string> name) {
   const std::lock_guard lock(mutex_);
   name_.swap(name);
+}
+
+std::vector<std::shared_ptr<VELAuthenticator>> VELRoute::authenticators() const {
+  if (!is_guarded_.load(std::memory_order_acquire)) return {};
+  const std::lock_guard lock(mutex_);
+  return authenticators_;
+}
+
+void VELRoute::setAuthenticators(std::vector<std::shared_ptr<VELAuthenticator>> authenticators) {
+  if (std::find(authenticators.begin(), authenticators.end(), nullptr) != authenticators.end()) {
+    throw VELException(VELInvalidArgumentException, "An authenticator must not be none");
+  }
+  const std::lock_guard lock(mutex_);
+  authenticators_.swap(authenticators);
+  is_guarded_.store(!authenticators_.empty(), std::memory_order_release);
 }
 
 std::string VELRoute::description() const {

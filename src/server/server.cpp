@@ -123,6 +123,11 @@ size_t VELServer::numberOfConnections() const {
   return connections_.size();
 }
 
+bool VELServer::isClosing(const std::shared_ptr<VELConnection>& connection) const {
+  const std::lock_guard lock(connections_mutex_);
+  return closing_.contains(connection);
+}
+
 std::string_view VELServer::HTTPVersion() const { return "HTTP/1.1"; }
 
 VELObservation VELServer::observe(const std::string& key,

@@ -2,15 +2,20 @@
 """Runs one example: starts it on a free port, sends requests with curl, checks the answers and ends it
 with SIGTERM, after which it has to exit with 0.
 
-    run_example.py files|hello|upload EXECUTABLE
+    run_example.py auth|chat|files|hello|middleware|proxy|upload EXECUTABLE
+    run_example.py websocket_client EXECUTABLE CHAT     with the chat as its server
 """
 
+import contextlib
+import http.server
+import json
 import os
 import re
 import signal
 import subprocess
 import sys
 import tempfile
+import threading
 
 
 def curl(url, *arguments):
@@ -27,6 +32,32 @@ def expect(actual, wanted):
         raise SystemExit(f"got {actual!r}, wanted {wanted!r}")
 
 
+def auth(base):
+    expect(curl(base), (200, "In front of the door\n"))
+    expect(curl(base + "private")[0], 401)
+    expect(curl(base + "private", "-u", "guest:open sesame"), (200, "Behind the door\n"))
+    for wrong in ("guest:open", "guest:", "guest:open sesame!", "admin:open sesame", ":"):
+        expect(curl(base + "private", "-u", wrong)[0], 401)
+
+
+def chat(base):
+    status, page = curl(base)
+    expect((status, "new WebSocket" in page), (200, True))
+    expect(curl(base + "elsewhere")[0], 404)
+    fields = ["-H", "Connection: Upgrade", "-H", "Upgrade: websocket"]
+    expect(curl(base + "chat", *fields, "-H", "Origin: http://elsewhere.example")[0], 403)
+
+
+def websocket_client(base):
+    url = base.replace("http", "ws") + "chat"
+    done = subprocess.run([sys.argv[2], url, "hello", "<b>wörld</b>"], capture_output=True, text=True,
+                          timeout=30, check=False)
+    expect((done.returncode, done.stdout, done.stderr), (0, "hello\n<b>wörld</b>\n", ""))
+    refused = subprocess.run([sys.argv[2], url.replace("chat", "elsewhere"), "hello"],
+                             capture_output=True, text=True, timeout=30, check=False)
+    expect((refused.returncode, refused.stderr), (1, "No WebSocket: Error Domain=NSURLErrorDomain Code=-1011\n"))
+
+
 def files(base):
     expect(curl(base + "page.html"), (200, "page\n"))
     expect(curl(base + "page.html", "-r", "1-2"), (206, "ag"))
@@ -37,6 +68,46 @@ def files(base):
 def hello(base):
     expect(curl(base + "there?x=1"), (200, "Hello from /there\n"))
     expect(curl(base, "-X", "DELETE")[0], 405)
+
+
+def middleware(base):
+    expect(curl(base + "hello"), (200, "Hello\n"))
+    for path, method, wanted in (("fails%0A%22%5C%C3%A4", "GET", 500), ("nothing", "GET", 404),
+                                 ("hello", "DELETE", 405)):
+        status, text = curl(base + path, "-X", method, "-D", "-")
+        fields, _, body = text.partition("\n\n")
+        expect((status, "application/problem+json" in fields), (wanted, True))
+        expect(bool(re.search(r"^Server-Timing: total;dur=\d+\.\d{3}$", fields, re.M)), True)
+        problem = json.loads(body)
+        expect(problem["status"], wanted)
+        if wanted == 500:
+            expect(problem["title"], 'Nobody can "fails\n"\\\u00e4" here.')
+
+
+def proxy(base):
+    status, body = curl(base + "a%20b?x=1", "-H", "X-Forwarded-For: 10.0.0.1")
+    expect((status, body), (200, "/base/a%20b?x=1 127.0.0.1 http\n"))
+    expect(curl(base + "broken")[0], 502)
+
+
+@contextlib.contextmanager
+def upstream():
+    """Another server: it tells what it was asked, and hangs up on "broken"."""
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            if "broken" in self.path:
+                return
+            fields = (self.headers["X-Forwarded-For"], self.headers["X-Forwarded-Proto"])
+            self.send_response(200)
+            self.end_headers()
+            self.wfile.write(f"{self.path} {' '.join(fields)}\n".encode())
+
+        def log_message(self, *_):
+            pass
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        yield server
+        server.shutdown()
 
 
 def upload(base):
@@ -51,15 +122,20 @@ def upload(base):
 
 
 def main():
-    name, executable = sys.argv[1:]
-    check = {"files": files, "hello": hello, "upload": upload}[name]
+    name, executable = sys.argv[1], sys.argv[-1]
+    check = {"auth": auth, "chat": chat, "files": files, "hello": hello, "middleware": middleware,
+             "proxy": proxy, "upload": upload, "websocket_client": websocket_client}[name]
     with tempfile.TemporaryDirectory() as directory:
         os.makedirs(os.path.join(directory, ".git"))
         os.makedirs(os.path.join(directory, "page"))
         for file, text in (("page.html", "page\n"), (".git/config", "x"), (".profile", "x")):
             with open(os.path.join(directory, file), "w", encoding="ascii") as content:
                 content.write(text)
-        run(check, [executable, "0", directory])
+        if name == "proxy":
+            with upstream() as server:
+                run(check, [executable, "0", f"http://127.0.0.1:{server.server_port}/base"])
+        else:
+            run(check, [executable, "0", directory])
 
 
 def run(check, command):

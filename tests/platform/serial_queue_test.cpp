@@ -243,5 +243,22 @@ TEST(SerialQueue, KeepsSpecificValues) {
   EXPECT_EQ(outer->label(), "test");
 }
 
+// Whatever replaces whatever: only the first value that is its own key lies apart from the others.
+TEST(SerialQueue, KeepsValuesThatAreTheirOwnKeys) {
+  const auto queue = makeQueue();
+  int keys[2] = {};
+  int other = 0;
+  void* const values[] = {&keys[0], &other, nullptr, &keys[1]};
+  for (void* const first : values) {
+    for (void* const second : values) {
+      queue->setSpecific(&keys[0], first);
+      queue->setSpecific(&keys[1], second);
+      EXPECT_EQ(queue->specific(&keys[0]), first);
+      EXPECT_EQ(queue->specific(&keys[1]), second);
+      EXPECT_EQ(queue->specific(nullptr), nullptr);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace vel::test

@@ -40,11 +40,25 @@ class WrongOptions(unittest.TestCase):
         (["--files", "/d/=.", "--methods", "/e/=GET"], "no route is given for /e/"),
         (["--index", "a.html,"], "file names"),
         (["--index", "a/b.html"], "file names"),
-        (["--proxy", "/=http://a"], "--proxy is not available yet"),
-        (["--echo", "/"], "--echo is not available yet"),
-        (["--auth", "/=a:b"], "--auth is not available yet"),
-        (["--realm", "r"], "--realm is not available yet"),
-        (["connect", "ws://localhost/"], "connect is not available yet"),
+        (["--proxy", "/=ftp://a"], "an http or https URL is needed"),
+        (["--proxy", "/=http://"], "an http or https URL is needed"),
+        (["--text", "/a=b", "--auth", "/a"], "PATH=USER:PASSWORD"),
+        (["--text", "/a=b", "--auth", "/a=secret"], "PATH=USER:PASSWORD"),
+        (["--text", "/a=b", "--auth", "u:secret"], "PATH=USER:PASSWORD"),
+        (["--text", "/a=b", "--auth", "=u:secret"], "PATH=USER:PASSWORD"),
+        (["--text", "/a=b", "--auth", "c=u:secret"], "no route is given for /c"),
+        (["--text", "/a=b", "--auth", "u:secret=1:2"], "no route is given for its PATH"),
+        (["--echo", ""], "--echo"),
+        (["connect"], "URL is required"),
+        (["connect", "wss://localhost/"], "TLS is not available"),
+        (["connect", "HTTPS://localhost/"], "TLS is not available"),
+        (["connect", "localhost"], "a URL like ws://"),
+        (["connect", "ws:///path"], "a URL like ws://"),
+        (["connect", "ftp://localhost/"], "a URL like ws://"),
+        (["connect", "--protocol", "a,b", "ws://localhost/"], "--protocol a,b"),
+        (["connect", "--header", "a b: c", "ws://localhost/"], "--header a b: c"),
+        (["connect", "--header", "a", "ws://localhost/"], "--header a"),
+        (["connect", "--profile", "standard", "ws://localhost/"], "not available yet"),
     ]
 
     def test_exit_with_2_and_one_sentence(self):
@@ -54,6 +68,7 @@ class WrongOptions(unittest.TestCase):
                 self.assertEqual((code, output), (2, ""))
                 self.assertIn(sentence, errors)
                 self.assertEqual(errors.count("\n"), 1, errors)
+                self.assertNotIn("secret", errors)
 
 
 class ServersThatCannotStart(unittest.TestCase):
@@ -93,10 +108,11 @@ class Farewells(unittest.TestCase):
     def test_help_tells_what_there_is(self):
         code, output, errors = program.run("--help")
         self.assertEqual((code, errors), (0, ""))
-        for option in ("--listen", "--text", "--reflect", "--inspect", "--methods", "--threads"):
+        for option in ("--listen", "--text", "--reflect", "--inspect", "--methods", "--auth",
+                       "--realm", "--threads", "--proxy", "--echo"):
             self.assertIn(option, output)
-        self.assertNotIn("--proxy", output)
         self.assertEqual(program.run("serve", "--help")[1], output)
+        self.assertIn("--protocol", program.run("connect", "--help")[1])
 
 
 if __name__ == "__main__":

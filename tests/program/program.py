@@ -128,6 +128,42 @@ class Program:
         return self.exchange(head.encode() + b"\r\n" + body)
 
 
+class Client:
+    """A running `corvane connect`; a context manager that ends it."""
+
+    def __init__(self, url, *arguments):
+        self.process = subprocess.Popen(
+            [EXECUTABLE, "connect", *arguments, url], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            stream.close()
+
+    def send(self, line):
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def read_line(self):
+        """The next line of standard output; empty at its end."""
+        return self.process.stdout.readline().decode().rstrip("\n")
+
+    def end(self):
+        """Ends the input; the exit code, and what standard error says, once the program has ended."""
+        self.process.stdin.close()
+        return self.wait()
+
+    def wait(self):
+        code = self.process.wait(PATIENCE)
+        assert self.process.stdout.read() == b""
+        return code, self.process.stderr.read().decode()
+
+
 def read_answer(connection, is_head=False):
     stream = connection.makefile("rb", buffering=0)
 

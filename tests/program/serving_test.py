@@ -1,5 +1,6 @@
-"""What the program serves: its routes, its addresses, HTTPS, access lines."""
+"""What the program serves: its routes, who may use them, its addresses, HTTPS, access lines."""
 
+import base64
 import hashlib
 import json
 import os
@@ -48,6 +49,62 @@ class Routes(unittest.TestCase):
                     self.assertEqual(fields["content-type"], "application/octet-stream")
                     self.assertEqual(hashlib.sha256(reflected).digest(),
                                      hashlib.sha256(body).digest())
+
+
+class Proxying(unittest.TestCase):
+    def test_reaches_another_server(self):
+        with Program("--inspect", "/base", "--text", "/=Nothing") as upstream, \
+                Program("--proxy", f"api/=http://127.0.0.1:{upstream.port}/base",
+                        "--proxy", "/gone=http://127.0.0.1:1") as server:
+            status, fields, body = server.get("/api/a%20b?x=%26", "PATCH", body=b"abc")
+            self.assertEqual((status, fields["content-type"]), (200, "application/json"))
+            seen = json.loads(body)
+            self.assertEqual((seen["method"], seen["url"]), ("PATCH", "/base/a%20b?x=%26"))
+            self.assertEqual(seen["bodySHA256"], hashlib.sha256(b"abc").hexdigest())
+            large = os.urandom(6_000_000)
+            seen = json.loads(server.get("/api", "PUT", body=large)[2])
+            self.assertEqual((seen["body"], seen["contentLength"]), ("file", len(large)))
+            self.assertEqual(seen["bodySHA256"], hashlib.sha256(large).hexdigest())
+            self.assertEqual(server.get("/gone")[0], 500)
+            self.assertEqual(server.get("/elsewhere")[0], 404)
+
+
+class Authentication(unittest.TestCase):
+    def ask(self, server, path, credentials=None, method="GET"):
+        """The status and the challenge."""
+        fields = ""
+        if credentials is not None:
+            encoded = base64.b64encode(credentials.encode()).decode()
+            fields = f"Authorization: Basic {encoded}\r\n"
+        status, fields, _ = server.get(path, method, fields)
+        return status, fields.get("www-authenticate")
+
+    def test_of_the_users_of_each_route(self):
+        with Program("--auth", "a=user:pa:ss", "--realm", "Staff", "--auth", "/a=\u00e4:",
+                     "--text", "/a=Hello", "--text", "/b=open", "--auth", "/=u:p",
+                     "--methods", "/a=GET", ".") as server:
+            challenge = 'Basic realm="Staff"'
+            for credentials, status in (("user:pa:ss", 200), ("\u00e4:", 200), ("user:", 401),
+                                        ("user:pa:s", 401), ("user:pa:sss", 401), ("u:p", 401),
+                                        ("\u00e4:pa:ss", 401), ("", 401), (None, 401)):
+                self.assertEqual(self.ask(server, "/a", credentials),
+                                 (status, None if status == 200 else challenge), credentials)
+            self.assertEqual(self.ask(server, "/a", method="HEAD"), (401, challenge))
+            self.assertEqual(self.ask(server, "/a", "user:pa:ss", "HEAD"), (405, None))
+            self.assertEqual(self.ask(server, "/b"), (200, None))
+            self.assertEqual(self.ask(server, "/nowhere"), (401, challenge))
+            self.assertEqual(self.ask(server, "/nowhere", "u:p"), (404, None))
+
+    def test_leaves_no_password_in_the_log(self):
+        with Program("--text", "/=Hello", "--auth", "/=user:secret", "--debug") as server:
+            self.assertEqual(self.ask(server, "/"), (401, "Basic"))
+            self.assertEqual(self.ask(server, "/", "user:secret"), (200, None))
+            server.exchange(b"GET / HTTP/9\r\nAuthorization: Basic dXNlcjpzZWNyZXQ=\r\n\r\n")
+            self.assertEqual(server.end(), 0)
+            log = "".join(server.all_error_lines())
+            self.assertIn("401", log)
+            for word in ("secret", "dXNlcjpzZWNyZXQ"):
+                self.assertNotIn(word, log)
 
 
 class Files(unittest.TestCase):

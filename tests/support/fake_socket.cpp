@@ -86,6 +86,16 @@ void FakeSocket::readDataToLength(size_t length, std::chrono::milliseconds timeo
   if (state_ == State::kOpen) reads_.push_back(calls_.back());
 }
 
+void FakeSocket::waitForInput(size_t length, std::chrono::milliseconds timeout, int64_t tag) {
+  calls_.push_back({SocketCall::Kind::kWait, tag, length, timeout, {}});
+  if (state_ == State::kOpen) reads_.push_back(calls_.back());
+}
+
+// Only where it has been waited for: what reads are issued stays visible.
+std::span<char> FakeSocket::inputAtHand() const {
+  return is_input_at_hand_ && state_ == State::kOpen ? std::span<char>(input_) : std::span<char>();
+}
+
 void FakeSocket::writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) {
   if (state_ != State::kOpen) return;
   calls_.push_back({SocketCall::Kind::kWrite, tag, data.length(), timeout, data.string()});
@@ -156,6 +166,13 @@ bool FakeSocket::completeRead() {
     return false;
   }
   reads_.pop_front();
+  if (read.kind == SocketCall::Kind::kWait) {
+    is_input_at_hand_ = true;
+    const auto delegate = delegate_.lock();
+    if (delegate) delegate->socketDidReadData(*this, VELData(), read.tag);
+    is_input_at_hand_ = false;
+    return true;
+  }
   // The bytes are lent for the call only.
   const std::string bytes = input_.substr(0, length);
   input_.erase(0, length);

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,7 +21,7 @@ namespace vel::test {
 
 /// One read or write as it was issued.
 struct SocketCall {
-  enum class Kind { kReadLine, kReadBytes, kWrite };
+  enum class Kind { kReadLine, kReadBytes, kWait, kWrite };
   Kind kind;
   int64_t tag;
   // Maximum or exact length of a read.
@@ -80,6 +81,9 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   void readDataToData(const VELData& terminator, std::chrono::milliseconds timeout,
                       size_t maxLength, int64_t tag) override;
   void readDataToLength(size_t length, std::chrono::milliseconds timeout, int64_t tag) override;
+  void waitForInput(size_t length, std::chrono::milliseconds timeout, int64_t tag) override;
+  std::span<char> inputAtHand() const override;
+  void takeInput(size_t length) override { input_.erase(0, length); }
   void writeData(VELData data, std::chrono::milliseconds timeout, int64_t tag) override;
   void startTLS(const VELTLSSettings& settings) override { tls_settings_ = settings; }
   void disconnect() override;
@@ -108,11 +112,12 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   bool disconnect_is_told_ = false;
   bool writes_are_held_ = false;
   bool settles_in_one_turn_ = false;
+  bool is_input_at_hand_ = false;
   std::atomic<size_t> unsent_length_{0};
   std::optional<VELError> error_;
   std::optional<VELTLSSettings> tls_settings_;
   std::vector<SocketCall> calls_;
-  std::string input_;
+  mutable std::string input_;
   std::string output_;
   std::deque<SocketCall> reads_;
   std::deque<int64_t> writes_;
