@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <future>
+#include <mutex>
 #include <stdexcept>
 
 #include "support/log_capture.h"
@@ -42,28 +43,55 @@ class EchoDelegate : public VELWebSocketRouteDelegate,
                      public VELWebSocketDelegate,
                      public std::enable_shared_from_this<EchoDelegate> {
  public:
+  struct Answers {
+    std::optional<std::string> choice;
+    std::function<void()> whenAsked;
+    std::function<void()> whenAccepted;
+  };
+  struct Told {
+    std::vector<std::string> offered;
+    std::optional<std::string> protocol;
+  };
+
   std::optional<std::string> webSocketRouteProtocolToEnforceForRequest(
       VELWebSocketRoute&, const VELRequest&, const std::vector<std::string>& protocols) override {
-    offered = protocols;
-    if (whenAsked) whenAsked();
-    return choice;
+    const Answers answers = this->answers([&] { told_.offered = protocols; });
+    if (answers.whenAsked) answers.whenAsked();
+    return answers.choice;
   }
   void webSocketRouteDidAcceptNewWebSocket(VELWebSocketRoute&,
                                            std::shared_ptr<VELWebSocket> webSocket) override {
-    protocol = webSocket->protocol();
+    const Answers answers = this->answers([&] { told_.protocol = webSocket->protocol(); });
     webSocket->setDelegate(weak_from_this());
-    if (whenAccepted) whenAccepted();
+    if (answers.whenAccepted) answers.whenAccepted();
   }
   void webSocketDidReceiveMessage(VELWebSocket& webSocket,
                                   const VELWebSocketMessage& message) override {
     webSocket.sendMessage(message);
   }
 
-  std::optional<std::string> choice;
-  std::function<void()> whenAsked;
-  std::function<void()> whenAccepted;
-  std::vector<std::string> offered;
-  std::optional<std::string> protocol;
+  /// Forgets what it was told.
+  void setAnswers(Answers answers) {
+    const std::lock_guard lock(mutex_);
+    answers_ = std::move(answers);
+    told_ = {};
+  }
+  Told told() const {
+    const std::lock_guard lock(mutex_);
+    return told_;
+  }
+
+ private:
+  template <typename Keep>
+  Answers answers(const Keep& keep) {
+    const std::lock_guard lock(mutex_);
+    keep();
+    return answers_;
+  }
+
+  mutable std::mutex mutex_;
+  Answers answers_;
+  Told told_;
 };
 
 class WebSocketRoute : public ::testing::TestWithParam<Transport> {
@@ -145,13 +173,15 @@ TEST_P(WebSocketRoute, ChoosesASubprotocolThatWasOffered) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.field);
-    delegate_->offered.clear();
-    delegate_->choice = c.choice;
+    delegate_->setAnswers({c.choice, nullptr, nullptr});
     const auto client = server_.connect();
-    client->send(upgrade(c.field));
+    client->send(upgrade(c.field) + masked(1, "x"));
     EXPECT_EQ(client->readHead().value("Sec-WebSocket-Protocol"), c.expected);
-    EXPECT_EQ(delegate_->offered, c.offered);
-    EXPECT_EQ(delegate_->protocol, c.expected);
+    // The session has been accepted by the time that it echoes.
+    EXPECT_EQ(client->readBytes(3), "\x81\x01x");
+    const EchoDelegate::Told told = delegate_->told();
+    EXPECT_EQ(told.offered, c.offered);
+    EXPECT_EQ(told.protocol, c.expected);
   }
 }
 
@@ -198,8 +228,8 @@ TEST_P(WebSocketRoute, DoesNotLetASessionEscapeAKillOrDrainOfTheMoment) {
     for (const bool isAccepted : {false, true}) {
       SCOPED_TRACE(isDrain * 2 + isAccepted);
       ASSERT_TRUE(server_.server().start());
-      delegate_->whenAsked = isAccepted ? nullptr : isDrain ? drain : kill;
-      delegate_->whenAccepted = !isAccepted ? nullptr : isDrain ? drain : kill;
+      const std::function<void()>& end = isDrain ? drain : kill;
+      delegate_->setAnswers({std::nullopt, isAccepted ? nullptr : end, isAccepted ? end : nullptr});
       const auto client = open("Sec-WebSocket-Protocol: chat\r\n");
       EXPECT_EQ(client->readToEnd(), isDrain ? kClose1001 : kClose1000);
     }
@@ -209,12 +239,11 @@ TEST_P(WebSocketRoute, DoesNotLetASessionEscapeAKillOrDrainOfTheMoment) {
 TEST_P(WebSocketRoute, ClosesWhatItsDelegateThrowsAt) {
   const LogCapture log;
   const auto oops = [] { throw std::runtime_error("oops"); };
-  delegate_->whenAsked = oops;
+  delegate_->setAnswers({std::nullopt, oops, nullptr});
   const auto early = server_.connect();
   early->send(upgrade("Sec-WebSocket-Protocol: chat\r\n"));
   EXPECT_EQ(early->readToEnd(), "");
-  delegate_->whenAsked = nullptr;
-  delegate_->whenAccepted = oops;
+  delegate_->setAnswers({std::nullopt, nullptr, oops});
   const auto late = server_.connect();
   late->send(upgrade());
   late->readToEnd();
