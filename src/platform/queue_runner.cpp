@@ -36,8 +36,8 @@ ThreadRecord& ThreadRecord::make() noexcept {
   return record;
 }
 
-Workspace& ThreadRecord::workspace() {
-  if (!workspace_) workspace_ = std::make_unique<Workspace>();
+Workspace& ThreadRecord::makeWorkspace() {
+  workspace_ = std::make_unique<Workspace>();
   return *workspace_;
 }
 

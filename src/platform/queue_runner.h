@@ -21,7 +21,7 @@ struct ThreadRecord {
   static ThreadRecord& current() noexcept { return current_ != nullptr ? *current_ : make(); }
   /// The same; none before its first use.
   static ThreadRecord* currentIfAny() noexcept { return current_; }
-  Workspace& workspace();
+  Workspace& workspace() { return workspace_ ? *workspace_ : makeWorkspace(); }
 
   /// The innermost queue that this thread runs.
   QueueFrame* frame = nullptr;
@@ -32,6 +32,7 @@ struct ThreadRecord {
 
  private:
   static ThreadRecord& make() noexcept;
+  Workspace& makeWorkspace();
 
   static inline constinit thread_local ThreadRecord* current_ = nullptr;
   std::unique_ptr<Workspace> workspace_;

@@ -220,7 +220,7 @@ void StreamSocket::end(std::optional<VELError> error) {
   if (state() != State::kOpen && state() != State::kConnecting) return;
   // Small writes have been told as written: whoever closes now can rely on their being on the way. A failure
   // of this last attempt ends the connection from within.
-  if (!is_ending_ && is_registered_ && !hung_up_ && !isHandshaking() && unsentLength() > 0) {
+  if (!is_ending_ && is_registered_ && !hung_up_ && !isHandshaking() && hasUnsent()) {
     is_ending_ = true;
     flush();
     if (state() != State::kOpen) return;
@@ -236,7 +236,7 @@ void StreamSocket::end(std::optional<VELError> error) {
   const bool may_be_unread =
       is_readable_ || (!peer_finished_ && (expects_unread_input_ || !input_.empty()));
   const bool lingers =
-      closes_after_writing_ && is_registered_ && !hung_up_ && may_be_unread && unsentLength() == 0;
+      closes_after_writing_ && is_registered_ && !hung_up_ && may_be_unread && !hasUnsent();
   dropReads();
   if (has_burst_) settleBurst(std::string::npos);
   outgoing_.reset();

@@ -257,6 +257,10 @@ class StreamSocket : public VELSocket,
   Fill fill(uint8_t* buffer, size_t capacity, size_t* length, Workspace& workspace);
   Fill fillPlain(uint8_t* buffer, size_t capacity, size_t* length);
   Fill fillTls(uint8_t* buffer, size_t capacity, size_t* length, Workspace& workspace);
+  bool hasUnsent() const noexcept {
+    return has_burst_ || (outgoing_ && outgoing_->unsent() > 0) ||
+           (tls_ && tls_->output.size() > tls_->output_sent);
+  }
   bool isHandshaking() const noexcept { return tls_ && !tls_->session->isHandshakeDone(); }
 
   // Guarded by the lock of queues, as the queue is.

@@ -262,7 +262,7 @@ StreamSocket::Fill StreamSocket::fillTls(uint8_t* buffer, size_t capacity, size_
     }
     tls.may_have_more = false;
     const bool is_full = tls.output.size() - tls.output_sent > kMostOutput;
-    if (is_full || (unsentLength() > 0 && !tls.session->isHandshakeDone())) flush();
+    if (is_full || (hasUnsent() && !tls.session->isHandshakeDone())) flush();
     if (!is_readable_ || state() != State::kOpen || (is_full && !is_writable_)) {
       return Fill::kWouldBlock;
     }

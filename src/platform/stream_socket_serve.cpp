@@ -158,7 +158,7 @@ bool StreamSocket::serveOnce(VELSocketDelegate& delegate, Workspace& workspace) 
 
 // Lets what was written go; true when that is to be told.
 bool StreamSocket::sendNow() {
-  if (unsentLength() == 0 || !is_writable_) return false;
+  if (!hasUnsent() || !is_writable_) return false;
   flush();
   return state() == State::kOpen && outgoing_ && outgoing_->hasDone();
 }
@@ -322,14 +322,14 @@ void StreamSocket::growPiece(Workspace& workspace, size_t filled) {
 
 // Closes once nothing is left to send.
 void StreamSocket::finishWriting() {
-  if (unsentLength() > 0 && is_writable_) flush();
-  if (state() != State::kOpen || !closes_after_writing_ || unsentLength() > 0) return;
+  if (hasUnsent() && is_writable_) flush();
+  if (state() != State::kOpen || !closes_after_writing_ || hasUnsent()) return;
   if (outgoing_ && outgoing_->hasDone()) return notify(kServe);
   if (tls_ && !tls_->said_goodbye) {
     tls_->said_goodbye = true;
     tls_->session->shutdown(&tls_->output);
     flush();
-    if (state() != State::kOpen || unsentLength() > 0) return;
+    if (state() != State::kOpen || hasUnsent()) return;
   }
   std::optional<VELError> error;
   if (extras_ && extras_->end_error) error = std::move(extras_->end_error);
@@ -396,7 +396,7 @@ void StreamSocket::armDeadlines() {
     read_due_ = timeAfter(now, kHandshakeTime);
   } else if (read_due_ == kNever && says_goodbye) {
     read_due_ = timeAfter(now, kGoodbyeTime);
-  } else if (read_due_ == kNever && read_.timeout.count() >= 0 && unsentLength() == 0) {
+  } else if (read_due_ == kNever && read_.timeout.count() >= 0 && !hasUnsent()) {
     // A peer that has not been sent all yet cannot be expected to go on.
     read_due_ = timeAfter(now, read_.timeout);
   }
