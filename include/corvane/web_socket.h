@@ -166,9 +166,8 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
 
   /// Sends `text`, as far as the session has not begun to close by then. Inside the delegate's call it
   /// goes out after the call; elsewhere after all that was posted to the queue before.
-  /// What the peer does not take waits in memory until the write has taken too long. The session does not
-  /// read on while that is much; who sends on other occasions looks at `socket()->unsentLength()` on the
-  /// session's queue.
+  /// What the peer does not take waits in memory until the write has taken too long. Who sends much that the
+  /// peer has not asked for looks at `socket()->unsentLength()` first, on the session's queue.
   /// Errors:  raises an invalid-argument exception for a text that is not UTF-8.
   void sendMessage(std::string_view text);
   /// The same; none is an empty binary message.
