@@ -41,8 +41,9 @@ class Room : public VELWebSocketRouteDelegate,
     const auto news = VELWebSocketMessage::textMessage(message.text());
     const std::lock_guard lock(mutex_);
     for (const auto& member : members_) {
-      // Who takes nothing is not read from either: here the library sees to it.
-      member.get() == &webSocket ? webSocket.sendMessage(news) : send(member, news);
+      member->sendMessage(news);
+      // Who speaks is not read from while it takes nothing: the library sees to that.
+      if (member.get() != &webSocket) checkThatItKeepsUp(member);
     }
   }
 
@@ -53,15 +54,11 @@ class Room : public VELWebSocketRouteDelegate,
 
  private:
   // What a member does not take waits in memory: who falls too far behind has to leave.
-  static void send(const std::shared_ptr<VELWebSocket>& member, const VELWebSocketMessage& news) {
-    member->delegateQueue()->async([member, news] {
+  static void checkThatItKeepsUp(const std::shared_ptr<VELWebSocket>& member) {
+    member->delegateQueue()->async([member] {
       constexpr size_t kMostUnsent = 1'000'000;
       const auto socket = member->socket();
-      if (socket && socket->unsentLength() > kMostUnsent) {
-        member->closeWithCode(1008, "Too slow");
-      } else {
-        member->sendMessage(news);
-      }
+      if (socket && socket->unsentLength() > kMostUnsent) member->closeWithCode(1008, "Too slow");
     });
   }
 
@@ -115,8 +112,8 @@ int main(int argc, char** argv) {
   int received = 0;
   sigwait(&signals, &received);
   // Every page is told that the server goes away.
-  std::promise<void> gone;
-  server->drain(std::chrono::seconds(5), [&gone] { gone.set_value(); });
-  gone.get_future().wait();
+  const auto gone = std::make_shared<std::promise<void>>();
+  server->drain(std::chrono::seconds(5), [gone] { gone->set_value(); });
+  gone->get_future().wait();
   return EXIT_SUCCESS;
 }
