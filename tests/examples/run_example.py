@@ -85,6 +85,8 @@ def websocket_client(base):
     done = subprocess.run([sys.argv[2], url, "hello", "<b>wörld</b>"], capture_output=True, text=True,
                           timeout=30, check=False)
     expect((done.returncode, done.stdout, done.stderr), (0, "hello\n<b>wörld</b>\n", ""))
+    wrong = subprocess.run([sys.argv[2], url, b"\xff"], capture_output=True, timeout=30, check=False)
+    expect((wrong.returncode, b"UTF-8" in wrong.stderr), (1, True))
     refused = subprocess.run([sys.argv[2], url.replace("chat", "elsewhere"), "hello"],
                              capture_output=True, text=True, timeout=30, check=False)
     expect((refused.returncode, refused.stderr), (1, "No WebSocket: Error Domain=NSURLErrorDomain Code=-1011\n"))
