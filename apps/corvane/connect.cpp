@@ -30,6 +30,8 @@ constexpr int64_t kNormalClosure = 1000;    // RFC 6455 §7.4.1
 constexpr int64_t kAbnormalClosure = 1006;  // RFC 6455 §7.4.1
 // Input is not read while this much of it waits to be sent.
 constexpr size_t kMostUnsent = size_t{4} << 20;
+// A server that neither says anything nor closes is not waited for any longer.
+constexpr std::chrono::seconds kLongestFarewell{5};
 
 /// What the pipe tells: one byte each.
 enum Notice : char { kOpened = 'o', kEnded = 'e', kSignalled = 's' };
@@ -45,19 +47,24 @@ void giveNotice(Notice notice) {
   errno = saved;
 }
 
-void signalDidCome(int /*signal*/) { giveNotice(kSignalled); }
-
-/// From now on the first signal is a notice, and a second one has its default action.
-void watchEndingSignals() {
+void setActionOfEndingSignals(void (*handler)(int)) {
   struct sigaction action {};
-  action.sa_handler = signalDidCome;
-  action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  for (const int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
+}
+
+void signalDidCome(int /*signal*/) {
+  setActionOfEndingSignals(SIG_DFL);
+  giveNotice(kSignalled);
+}
+
+/// From now on the first signal is a notice, and a second one, of either kind, has its default action.
+void watchEndingSignals() {
+  setActionOfEndingSignals(signalDidCome);
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM}) {
-    sigaction(signal, &action, nullptr);
-    sigaddset(&signals, signal);
-  }
+  for (const int signal : {SIGINT, SIGTERM}) sigaddset(&signals, signal);
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
@@ -217,9 +224,21 @@ std::string whyItFailed(const std::optional<VELError>& error) {
   return inOneLine(error->localizedDescription());
 }
 
+/// Returns once the connection has gone. After the close frame it goes on taking in what the other end sends;
+/// a process that ended before would have the system reset it, and what was sent last would be lost.
+void waitUntilGone(const VELSocket& socket) {
+  const auto latest = std::chrono::steady_clock::now() + kLongestFarewell;
+  while (socket.localPort() != 0 && std::chrono::steady_clock::now() < latest) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 /// The exit code, once the session or its opening has ended.
-int finish(const std::string& url, Events& events) {
-  if (events.session()) return events.hasFailed() ? EXIT_FAILURE : EXIT_SUCCESS;
+int finish(const std::string& url, const VELSocket* socket, Events& events) {
+  if (events.session()) {
+    if (socket != nullptr) waitUntilGone(*socket);
+    return events.hasFailed() ? EXIT_FAILURE : EXIT_SUCCESS;
+  }
   writeLineToStandardError("corvane: cannot connect to " + url + ": " +
                            whyItFailed(events.error()));
   return EXIT_FAILURE;
@@ -229,6 +248,7 @@ int finish(const std::string& url, Events& events) {
 int run(int notices, const std::string& url, VELProgress& progress,
         const std::shared_ptr<Events>& events) {
   Input input;
+  std::shared_ptr<VELSocket> socket;  // none for a session that ended before it was started
   while (true) {
     const std::shared_ptr<VELWebSocket> session = events->session();
     // A negative descriptor is left out.
@@ -237,8 +257,9 @@ int run(int notices, const std::string& url, VELProgress& progress,
     if (::poll(waited, 2, -1) < 0) continue;
     char notice = 0;
     if (waited[0].revents != 0 && ::read(notices, &notice, 1) == 1) {
-      if (notice == kEnded) return finish(url, *events);
+      if (notice == kEnded) return finish(url, socket.get(), *events);
       if (notice == kOpened) {
+        socket = events->session()->socket();
         events->session()->setDelegate(events);
         events->session()->start();
       } else if (session) {

@@ -54,7 +54,8 @@ Command parseConnectOptions(std::vector<std::string> arguments) {
 
   CLI::App app(
       "Opens a WebSocket: each line of standard input is sent as a text message, each message\n"
-      "that comes is printed, and the end is told on standard error. The connection is not\n"
+      "that comes is printed, and the end is told on standard error. The end of the input closes\n"
+      "the session: what would have come afterwards is not printed. The connection is not\n"
       "encrypted: URLs of the schemes wss and https are refused.",
       "corvane connect");
   setUsage(app, "Usage: corvane connect [OPTIONS] URL\n");

@@ -1,8 +1,10 @@
 // A chat: open the page in two browser windows, and what is written in one is read in both. Every message
 // is framed once, however many are there to receive it.
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -38,7 +40,11 @@ class Room : public VELWebSocketRouteDelegate,
     }
     const auto news = VELWebSocketMessage::textMessage(message.text());
     const std::lock_guard lock(mutex_);
-    for (const auto& member : members_) member->sendMessage(news);
+    for (const auto& member : members_) {
+      member->sendMessage(news);
+      // Who speaks is not read from while it takes nothing: the library sees to that.
+      if (member.get() != &webSocket) checkThatItKeepsUp(member);
+    }
   }
 
   void webSocketDidCloseWithError(VELWebSocket& webSocket, const VELError&) override {
@@ -47,6 +53,15 @@ class Room : public VELWebSocketRouteDelegate,
   }
 
  private:
+  // What a member does not take waits in memory: who falls too far behind has to leave.
+  static void checkThatItKeepsUp(const std::shared_ptr<VELWebSocket>& member) {
+    member->delegateQueue()->async([member] {
+      constexpr size_t kMostUnsent = 1'000'000;
+      const auto socket = member->socket();
+      if (socket && socket->unsentLength() > kMostUnsent) member->closeWithCode(1008, "Too slow");
+    });
+  }
+
   std::mutex mutex_;
   std::set<std::shared_ptr<VELWebSocket>> members_;
 };
@@ -96,6 +111,9 @@ int main(int argc, char** argv) {
 
   int received = 0;
   sigwait(&signals, &received);
-  server->kill();
+  // Every page is told that the server goes away.
+  const auto gone = std::make_shared<std::promise<void>>();
+  server->drain(std::chrono::seconds(5), [gone] { gone->set_value(); });
+  gone->get_future().wait();
   return EXIT_SUCCESS;
 }

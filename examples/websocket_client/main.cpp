@@ -59,7 +59,12 @@ int main(int argc, char** argv) {
   std::future<VELError> end = printer->end();
   webSocket->setDelegate(printer);
   webSocket->start();
-  for (int i = 2; i < argc; ++i) webSocket->sendMessage(argv[i]);
+  try {
+    for (int i = 2; i < argc; ++i) webSocket->sendMessage(argv[i]);
+  } catch (const VELException& exception) {  // a word that is not UTF-8
+    std::cerr << exception.what() << '\n';
+    return EXIT_FAILURE;
+  }
   const VELError reason = end.get();
   if (reason.domain() == VELWebSocketErrorDomain && reason.code() == 1000) return EXIT_SUCCESS;
   std::cerr << reason.description() << '\n';

@@ -125,6 +125,25 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
   using CompletionHandler = std::function<void(std::shared_ptr<VELWebSocket> webSocket,
                                                const std::optional<VELError>& error)>;
   /// Opens a WebSocket at `URL` and offers `protocols`.
+  ///
+  /// ```cpp
+  /// struct Client : VELWebSocketDelegate {
+  ///   std::shared_ptr<VELWebSocket> session;  // held, since the last reference disconnects
+  ///   void webSocketDidReceiveMessage(VELWebSocket& webSocket, const VELWebSocketMessage&) override {
+  ///     webSocket.close();
+  ///   }
+  /// };
+  /// void ask(const VELURL& url, std::shared_ptr<Client> client) {
+  ///   VELWebSocket::openWebSocketWithURL(url, {"chat"}, nullptr, [client](auto webSocket, const auto&) {
+  ///     if (!webSocket) return;  // the error tells why
+  ///     client->session = webSocket;
+  ///     webSocket->setDelegate(client);
+  ///     webSocket->start();
+  ///     webSocket->sendMessage("Hello");
+  ///   });
+  /// }
+  /// ```
+  /// The progress cancels; to drop it does not. Names are looked up on threads of their own.
   /// Shape:   the scheme chooses the port where the URL has none, 443 for "wss" and "https", else 80. It
   ///          does nothing more: the connection is not encrypted, whatever it says.
   /// Queue:   `delegateQueue` becomes that of the open and of the session; without one they have a new one.
@@ -147,6 +166,8 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
 
   /// Sends `text`, as far as the session has not begun to close by then. Inside the delegate's call it
   /// goes out after the call; elsewhere after all that was posted to the queue before.
+  /// What the peer does not take waits in memory until the write has taken too long. Who sends much that the
+  /// peer has not asked for looks at `socket()->unsentLength()` first, on the session's queue.
   /// Errors:  raises an invalid-argument exception for a text that is not UTF-8.
   void sendMessage(std::string_view text);
   /// The same; none is an empty binary message.
@@ -165,7 +186,9 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
 
   /// Closes with 1000.
   void close() override;
-  /// Sends a close frame and disconnects once it has been sent. A second call does nothing.
+  /// Sends a close frame and disconnects once it has been sent. A second call does nothing. What the peer
+  /// still sends is taken in and dropped for two seconds at most: ending the process before may cost the
+  /// peer what was sent last.
   /// Shape:   any `code`; its low 16 bits are sent, and all of it is reported to the delegate.
   /// Errors:  raises an invalid-argument exception for a reason that is not UTF-8.
   void closeWithCode(int64_t code, std::optional<std::string> reason = std::nullopt);

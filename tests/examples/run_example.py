@@ -12,6 +12,7 @@ import json
 import os
 import re
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -46,6 +47,37 @@ def chat(base):
     expect(curl(base + "elsewhere")[0], 404)
     fields = ["-H", "Connection: Upgrade", "-H", "Upgrade: websocket"]
     expect(curl(base + "chat", *fields, "-H", "Origin: http://elsewhere.example")[0], 403)
+    chat_with_one_who_does_not_read(int(base.rstrip("/").rpartition(":")[2]))
+
+
+def chat_with_one_who_does_not_read(port):
+    """What he leaves unread must not pile up in the server: he is sent away, the others go on."""
+    def join():
+        member = socket.create_connection(("127.0.0.1", port), 30)
+        member.sendall(b"GET /chat HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n")
+        while not member.recv(4096).endswith(b"\r\n\r\n"):
+            pass
+        return member
+
+    def read(member):
+        length = 0
+        with contextlib.suppress(ConnectionError):
+            while piece := member.recv(1 << 20):
+                length += len(piece)
+                if length == total:
+                    break
+        return length
+
+    payload = b"x" * 8192
+    sent = b"\x81\xfe\x20\x00\0\0\0\0" + payload
+    count = 4000
+    total = count * (len(payload) + 4)
+    with join() as silent, join() as talker:
+        feeder = threading.Thread(target=lambda: [talker.sendall(sent) for _ in range(count)])
+        feeder.start()
+        expect(read(talker), total)
+        feeder.join()
+        expect(read(silent) < total, True)
 
 
 def websocket_client(base):
@@ -53,6 +85,8 @@ def websocket_client(base):
     done = subprocess.run([sys.argv[2], url, "hello", "<b>wörld</b>"], capture_output=True, text=True,
                           timeout=30, check=False)
     expect((done.returncode, done.stdout, done.stderr), (0, "hello\n<b>wörld</b>\n", ""))
+    wrong = subprocess.run([sys.argv[2], url, b"\xff"], capture_output=True, timeout=30, check=False)
+    expect((wrong.returncode, b"UTF-8" in wrong.stderr), (1, True))
     refused = subprocess.run([sys.argv[2], url.replace("chat", "elsewhere"), "hello"],
                              capture_output=True, text=True, timeout=30, check=False)
     expect((refused.returncode, refused.stderr), (1, "No WebSocket: Error Domain=NSURLErrorDomain Code=-1011\n"))

@@ -2,6 +2,7 @@
 
 import signal
 import socket
+import subprocess
 import threading
 import unittest
 
@@ -48,6 +49,27 @@ class Connect(unittest.TestCase):
             self.assertEqual(client.read_line(), "x")
             client.process.send_signal(signal.SIGINT)
             self.assertEqual(client.wait(), (0, "closed: 1000\n"))
+
+    def test_stays_until_the_other_end_has_let_go(self):
+        for second, code in ((None, 0), (signal.SIGTERM, -signal.SIGTERM)):
+            with socket.create_server(("127.0.0.1", 0)) as listener, \
+                    Client(f"ws://127.0.0.1:{listener.getsockname()[1]}/") as client:
+                connection, _ = listener.accept()
+                with connection:
+                    while b"\r\n\r\n" not in connection.recv(65536):
+                        pass
+                    connection.sendall(b"HTTP/1.1 101 OK\r\n\r\n\x81\x01x")
+                    self.assertEqual(client.read_line(), "x")
+                    client.process.send_signal(signal.SIGINT)
+                    while connection.recv(65536):
+                        pass
+                    # What it had sent would be lost if the system reset the connection for it.
+                    with self.assertRaises(subprocess.TimeoutExpired):
+                        client.process.wait(0.5)
+                    if second:
+                        client.process.send_signal(second)
+                        client.process.wait(30)
+                self.assertEqual(client.wait(), (code, "closed: 1000\n"))
 
     def test_is_told_when_the_server_goes_away(self):
         with Client(self.url) as client:
