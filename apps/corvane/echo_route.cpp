@@ -1,18 +1,5 @@
 #include "echo_route.h"
 
-#include <cstddef>
-#include <cstdint>
-
-#include "corvane/socket.h"
-
-namespace {
-
-// What one client may leave unread of its own words.
-constexpr size_t kMostUnsent = size_t{64} << 20;
-constexpr int64_t kPolicyViolation = 1008;  // RFC 6455 §7.4.1
-
-}  // namespace
-
 class EchoRoute::Echo : public VELWebSocketRouteDelegate,
                         public VELWebSocketDelegate,
                         public std::enable_shared_from_this<Echo> {
@@ -24,11 +11,6 @@ class EchoRoute::Echo : public VELWebSocketRouteDelegate,
 
   void webSocketDidReceiveMessage(VELWebSocket& webSocket,
                                   const VELWebSocketMessage& message) override {
-    const auto socket = webSocket.socket();
-    if (socket && socket->unsentLength() > kMostUnsent) {
-      webSocket.closeWithCode(kPolicyViolation, "Too much is left unread");
-      return;
-    }
     webSocket.sendMessage(message);
   }
 };
