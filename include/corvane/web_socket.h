@@ -142,8 +142,8 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
   VELWebSocket& operator=(const VELWebSocket&) = delete;
   ~VELWebSocket() override;
 
-  /// Begins to read. Call it once, after the delegate has been set. A session that has ended by then tells
-  /// its delegate so.
+  /// Begins to read. Call it after the delegate has been set; a second call does nothing. A session that has
+  /// ended by then tells its delegate so.
   void start();
 
   /// Sends `text`, as far as the session has not begun to close by then. Inside the delegate's call it

@@ -234,6 +234,15 @@ TEST(SessionReading, WaitsHalfAMinuteForEachMissingPartAndForeverForAFrame) {
   }
 }
 
+TEST(SessionReading, BeginsOnceHoweverOftenItIsStarted) {
+  SessionWire wire;
+  wire.session().start();
+  wire.send(masked(1, "a") + masked(1, "b"));
+  wire.session().start();
+  wire.send(masked(1, "c"));
+  EXPECT_EQ(wire.events().lines, (std::vector<std::string>{"text a", "text b", "text c"}));
+}
+
 // However its answers come about, a client that takes none of them is not read from after some 4 MiB, and as soon
 // as it takes them everything comes, in order.
 TEST(SessionReading, StopsWhileAClientTakesNothing) {
