@@ -74,7 +74,8 @@ class CORVANE_EXPORT VELWebSocketDelegate {
 /// ```
 /// A session sends each message as one frame. It does not join messages that come in several: such a
 /// message ends it with 1002. Frames and messages may have any length; memory is taken for bytes that
-/// have come, not for those that were announced.
+/// have come, not for those that were announced. While more than 4 MiB wait for a client to take them, a
+/// server's session reads nothing from it.
 /// Owner:   a server's sessions: the server, until they have closed. Others: whoever opened them; an open
 ///          session whose last reference goes away disconnects.
 /// Queue:   operations may be called on any thread unless they say otherwise. What they cause happens on
@@ -160,8 +161,8 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
   VELWebSocket& operator=(const VELWebSocket&) = delete;
   ~VELWebSocket() override;
 
-  /// Begins to read. Call it once, after the delegate has been set. A session that has ended by then tells
-  /// its delegate so.
+  /// Begins to read. Call it after the delegate has been set; a second call does nothing. A session that has
+  /// ended by then tells its delegate so.
   void start();
 
   /// Sends `text`, as far as the session has not begun to close by then. Inside the delegate's call it
@@ -220,6 +221,7 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
 
   // For the library's own use.
   void socketDidReadData(VELSocket& socket, const VELData& data, int64_t tag) override;
+  void socketDidWriteDataWithTag(VELSocket& socket, int64_t tag) override;
   void socketDidDisconnect(VELSocket& socket, const std::optional<VELError>& error) override;
   void workDidThrow(const std::exception_ptr& exception) override;
 
@@ -236,7 +238,9 @@ class CORVANE_EXPORT VELWebSocket final : public VELConnection,
                       std::shared_ptr<VELWebSocketDelegate>& delegate);
   void handleClose(std::string_view payload);
   void waitForInput(uint64_t length, std::chrono::milliseconds timeout);
+  bool hasMuchUnsent() const;
   void readOnOnceSent();
+  void readOn();
 
   // Sending: web_socket_sending.cpp.
   bool isDelivering() const noexcept;

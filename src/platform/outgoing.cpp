@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "platform/file_region.h"
@@ -40,6 +41,7 @@ void Outgoing::append(std::string_view head, const VELData& data,
   if (!isInLine() && length <= kSmall && gathered() + length <= kGather) {
     return gather(head, data, timeout);
   }
+  if (isInLine() && length <= kSmall) return join(head, data.view(), timeout);
   std::string joined(head);
   joined += data.view();
   line(VELData(std::move(joined)), timeout, std::nullopt);
@@ -67,9 +69,31 @@ void Outgoing::keepLent() {
 
 void Outgoing::line(VELData data, std::chrono::milliseconds timeout, std::optional<int64_t> tag) {
   const size_t length = data.length();
+  endTail();
   items_.push_back({std::move(data), timeout, kNever, tag});
   unsent_ += length;
   if (length == 0) didSend(0);
+}
+
+void Outgoing::join(std::string_view head, std::string_view bytes,
+                    std::chrono::milliseconds timeout) {
+  const size_t length = head.size() + bytes.size();
+  const bool goes_on =
+      !tail_.empty() && tail_.size() + length <= kSmall && items_.back().timeout == timeout;
+  if (!goes_on) endTail();
+  tail_.reserve(tail_.size() + length);
+  if (!goes_on) items_.push_back({VELData(), timeout, kNever, std::nullopt, true});
+  tail_.append(head).append(bytes);
+  items_.back().data = VELData::dataWithStaticBytes(tail_);
+  unsent_ += length;
+}
+
+// Gives the last item its bytes for good.
+void Outgoing::endTail() {
+  if (tail_.empty()) return;
+  const auto bytes = std::make_shared<std::string>();
+  bytes->swap(tail_);
+  items_.back().data = VELData::dataWithOwner(bytes, bytes->data(), bytes->size());
 }
 
 void Outgoing::gather(std::string_view head, const VELData& data,
@@ -98,6 +122,7 @@ void Outgoing::gatherItems() {
   }
   items_.clear();
   first_item_ = 0;
+  tail_.clear();
 }
 
 // Returns how many bytes there were: a file may have become shorter.
@@ -144,6 +169,7 @@ void Outgoing::didSendPart(size_t length) {
     const size_t rest = item.data.length() - item_sent_;
     if (length < rest) {
       item_sent_ += length;
+      if (item.is_joined && length > 0) item.due = kNever;
       return;
     }
     length -= rest;
@@ -154,6 +180,7 @@ void Outgoing::didSendPart(size_t length) {
   }
   items_.clear();
   first_item_ = 0;
+  tail_.clear();
 }
 
 MonotonicTime Outgoing::due(MonotonicTime now) {
@@ -186,6 +213,7 @@ void Outgoing::clear() noexcept {
   items_.clear();
   first_item_ = 0;
   item_sent_ = 0;
+  tail_.clear();
   done_.clear();
   told_ = 0;
   unsent_ = 0;
@@ -198,6 +226,7 @@ void Outgoing::shrink() {
     gather_sent_ = 0;
   }
   if (gather_.capacity() > 2 * gather_.size() + 1024) gather_.shrinkToFit();
+  if (tail_.empty() && tail_.capacity() > 1024) std::string().swap(tail_);
   if (first_mark_ > marks_.size() / 2) {
     marks_.erase(marks_.begin(), marks_.begin() + static_cast<ptrdiff_t>(first_mark_));
     first_mark_ = 0;

@@ -28,7 +28,8 @@ struct RegionRest {
 
 /// Small writes are copied into one buffer, those of files are read into it, and count as written at once;
 /// larger ones, and all that comes after them, wait in a line by reference. What counts as written keeps
-/// its time-out until the system has taken it.
+/// its time-out until the system has taken it. Small writes in line of which nothing is told are joined, or a
+/// peer could have many of a few bytes cost a hundred times as much.
 class Outgoing {
  public:
   /// A write up to this size is copied.
@@ -97,6 +98,8 @@ class Outgoing {
     MonotonicTime due;
     // None: nothing is told.
     std::optional<int64_t> tag;
+    // Stands for several writes; the time-out begins again with each part that leaves.
+    bool is_joined = false;
   };
   // The time-out of what lies in the buffer between two places, counted from the first byte ever
   // gathered.
@@ -121,6 +124,8 @@ class Outgoing {
   void gatherItems();
   void gather(std::string_view head, const VELData& data, std::chrono::milliseconds timeout);
   void line(VELData data, std::chrono::milliseconds timeout, std::optional<int64_t> tag);
+  void join(std::string_view head, std::string_view bytes, std::chrono::milliseconds timeout);
+  void endTail();
   bool isInLine() const noexcept { return first_item_ < items_.size(); }
 
   GrowingBuffer gather_;
@@ -131,6 +136,8 @@ class Outgoing {
   std::vector<Item> items_;
   size_t first_item_ = 0;
   size_t item_sent_ = 0;
+  // The bytes of the last item as long as others can be joined to them; else empty.
+  std::string tail_;
   std::vector<int64_t> done_;
   size_t told_ = 0;
   size_t unsent_ = 0;

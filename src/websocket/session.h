@@ -13,8 +13,10 @@ class VELWebSocket;
 
 namespace vel {
 
-/// The tag of every read and every write.
+/// The tag of every read and of every frame that is written.
 inline constexpr int64_t kSessionTag = 11;
+/// The tag of the write of nothing behind all that waits to be sent.
+inline constexpr int64_t kSentTag = 12;
 /// How long the rest of a frame, and the writing of one, may take.
 inline constexpr std::chrono::milliseconds kFrameTimeout{30'000};
 /// Nobody has to say anything.

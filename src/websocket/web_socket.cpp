@@ -81,7 +81,7 @@ void VELWebSocket::attach() {
 
 void VELWebSocket::start() {
   attach();
-  is_started_.store(true);
+  if (is_started_.exchange(true)) return;
   socket_->waitForInput(2, vel::kNoTimeout, vel::kSessionTag);
   // Either the end sees that the session was started, or this sees the end.
   if (state_.load() == VELWebSocketState::kClosed) {

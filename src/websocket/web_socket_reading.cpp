@@ -17,9 +17,8 @@ using vel::SessionRequest;
 
 namespace {
 
-// What waits to be sent while a peer is still read from.
+// What waits to be sent while a client is still read from.
 constexpr size_t kMostUnsent = 4 * 1024 * 1024;
-constexpr std::chrono::milliseconds kLookAgain{20};
 
 }  // namespace
 
@@ -38,15 +37,25 @@ void VELWebSocket::waitForInput(uint64_t length, std::chrono::milliseconds timeo
   socket_->waitForInput(static_cast<size_t>(length), timeout, vel::kSessionTag);
 }
 
-// A peer that sends and takes nothing would have its answers fill the memory: it is not read from until it
-// takes them, or a write has taken too long.
+// A client that sends and takes nothing would have its answers fill the memory: it is not read from until it has
+// taken what waits for it, or a write has taken too long. Only servers do so: two ends that waited for each
+// other to take something would wait forever.
+bool VELWebSocket::hasMuchUnsent() const {
+  return is_server_socket_ && socket_->unsentLength() > kMostUnsent;
+}
+
+// So much waits in line; a write of nothing is told when all before it has been taken.
 void VELWebSocket::readOnOnceSent() {
-  queue_->after(kLookAgain, [weak = weak_from_this()] {
-    const std::shared_ptr<VELWebSocket> session = weak.lock();
-    if (!session || session->state() != VELWebSocketState::kOpen) return;
-    if (session->socket_->unsentLength() > kMostUnsent) return session->readOnOnceSent();
-    session->waitForInput(2, vel::kNoTimeout);
-  });
+  socket_->writeData(VELData(), vel::kFrameTimeout, vel::kSentTag);
+}
+
+void VELWebSocket::readOn() {
+  if (state() != VELWebSocketState::kOpen) return;
+  hasMuchUnsent() ? readOnOnceSent() : waitForInput(2, vel::kNoTimeout);
+}
+
+void VELWebSocket::socketDidWriteDataWithTag(VELSocket& /*socket*/, int64_t tag) {
+  if (tag == vel::kSentTag && state() == VELWebSocketState::kOpen) waitForInput(2, vel::kNoTimeout);
 }
 
 void VELWebSocket::handleFrames() {
@@ -72,7 +81,7 @@ void VELWebSocket::handleFrames() {
     // Before anybody is called who might end the socket; the bytes stay for this callback.
     socket_->takeInput(length);
     if (!handleFrame(frame, {payload, frame.payloadLength}, delegate)) return;
-    if (frame.isFinal && socket_->unsentLength() > kMostUnsent) return readOnOnceSent();
+    if (frame.isFinal && hasMuchUnsent()) return readOnOnceSent();
     input = input.size() > length ? socket_->inputAtHand() : std::span<char>();
     next_timeout = frame.isFinal ? vel::kNoTimeout : vel::kFrameTimeout;
   }

@@ -89,8 +89,7 @@ void VELWebSocket::carryOut(const SessionRequest& request) {
     case SessionRequest::Kind::kDisconnect:
       return disconnect();
     case SessionRequest::Kind::kReadOn:
-      if (state() == VELWebSocketState::kOpen) waitForInput(2, vel::kNoTimeout);
-      return;
+      return readOn();
   }
 }
 

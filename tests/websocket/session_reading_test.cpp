@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/stopped_clock.h"
@@ -230,6 +232,85 @@ TEST(SessionReading, WaitsHalfAMinuteForEachMissingPartAndForeverForAFrame) {
         !wire.events().lines.empty() && wire.events().lines.back() == "closed VELSocket 4";
     EXPECT_EQ(has_ended, entry.endsLater);
   }
+}
+
+TEST(SessionReading, BeginsOnceHoweverOftenItIsStarted) {
+  SessionWire wire;
+  wire.session().start();
+  wire.send(masked(1, "a") + masked(1, "b"));
+  wire.session().start();
+  wire.send(masked(1, "c"));
+  EXPECT_EQ(wire.events().lines, (std::vector<std::string>{"text a", "text b", "text c"}));
+}
+
+// However its answers come about, a client that takes none of them is not read from after some 4 MiB, and as soon
+// as it takes them everything comes, in order.
+TEST(SessionReading, StopsWhileAClientTakesNothing) {
+  constexpr size_t kFrame = 4096;
+  constexpr size_t kMost = 4 * 1024 * 1024;
+  struct Case {
+    const char* name;
+    uint8_t opcode;
+    std::function<void(VELWebSocket&, const VELWebSocketMessage&)> reaction;
+  };
+  const Case cases[] = {
+      {"pongs", 9, nullptr},
+      {"echoes", 2,
+       [](VELWebSocket& session, const VELWebSocketMessage& message) {
+         session.sendMessage(message);
+       }},
+      {"echoes that are posted", 2,
+       [](VELWebSocket& session, const VELWebSocketMessage& message) {
+         std::thread([&] { session.sendMessage(nullptr); }).join();
+         session.sendMessage(message);
+       }},
+  };
+  for (const Case& entry : cases) {
+    for (const bool is_taken : {true, false}) {
+      SCOPED_TRACE(entry.name);
+      StoppedClock clock;
+      SessionWire wire(true, 16 * kFrame);
+      wire.events().reaction = entry.reaction;
+      size_t count = 0;
+      const auto flood = [&] {
+        std::string payload(kFrame - 8, 'f');
+        for (; count < 10'000; ++count) {
+          payload.replace(0, 6, std::to_string(100'000 + count));
+          wire.send(masked(entry.opcode, payload));
+        }
+      };
+      EXPECT_THROW(flood(), std::runtime_error);  // nobody takes the bytes
+      EXPECT_GT(wire.session().socket()->unsentLength(), kMost);
+      EXPECT_LT(wire.session().socket()->unsentLength(), kMost + 2 * kFrame);
+      if (!is_taken) {
+        clock.advance(std::chrono::seconds(31), wire.loops());
+        EXPECT_EQ(wire.events().lines.back(), "closed VELSocket 5");
+        continue;
+      }
+      std::string received;
+      for (std::string more = wire.sentBytes(); !more.empty(); more = wire.sentBytes()) {
+        received += more;
+      }
+      wire.send(masked(8, ""));
+      received += wire.sentBytes();
+      size_t next = 100'000;
+      for (const std::string& frame : framesIn(received)) {
+        if (frame.size() < kFrame / 2) continue;
+        EXPECT_EQ(frame.substr(frame.find(' ') + 1, 6), std::to_string(next++));
+      }
+      EXPECT_EQ(next, 100'000 + count);
+      EXPECT_EQ(wire.events().lines.back(), "closed VELWebSocket 1005");
+    }
+  }
+}
+
+// Else two ends that have much for each other would wait for each other.
+TEST(SessionReading, GoesOnWhileAServerTakesNothing) {
+  SessionWire wire(false);
+  wire.session().sendMessage(VELData(std::string(8 * 1024 * 1024, 'm')));
+  wire.send(unmasked(1, "a"));
+  wire.send(unmasked(1, "b"));
+  EXPECT_EQ(wire.events().lines, (std::vector<std::string>{"text a", "text b"}));
 }
 
 }  // namespace
