@@ -1,80 +1,54 @@
-// VELSerialQueue: order, time, exceptions and life-time of posted work.
+// VELSerialQueue: order, time, exceptions and life-time of posted work; `sync`: who runs what where,
+// circles, and many threads at once.
 #include "corvane/serial_queue.h"
 
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <atomic>
+#include <barrier>
+#include <functional>
+#include <numeric>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "corvane/error.h"
-#include "platform/clock.h"
-#include "support/count.h"
+#include "platform/queue_steps.h"
 #include "support/log_capture.h"
 
 namespace vel::test {
 namespace {
 
-std::shared_ptr<VELSerialQueue> makeQueue(size_t loops = 1) {
-  return std::make_shared<VELSerialQueue>("test", std::make_shared<VELEventLoops>(loops));
-}
+std::shared_ptr<VELSerialQueue> makeQueue() { return makeQueues(1, 1)[0]; }
 
 TEST(SerialQueue, RunsABurstInOrder) {
   const auto queue = makeQueue();
   constexpr int kBurst = 1'000'000;
-  Count may_go;
   int next = 0;
   int misplaced = 0;
-  queue->async([&] { EXPECT_TRUE(may_go.reaches(1)); });
+  Held held;
+  held.hold(*queue);
   for (int i = 0; i < kBurst; ++i) {
     queue->async([&, i] {
       if (next++ != i) ++misplaced;
     });
   }
-  may_go.add();
+  held.letGo();
   queue->sync([] {});
   EXPECT_EQ(next, kBurst);
   EXPECT_EQ(misplaced, 0);
 }
 
-TEST(SerialQueue, RunsWorkThatWorkPosts) {
-  const auto queue = makeQueue();
-  Count done;
-  std::string order;
-  queue->async([&] {
-    queue->async([&] {
-      order += 'c';
-      done.add();
-    });
-    order += 'a';
-  });
-  queue->async([&] { order += 'b'; });
-  ASSERT_TRUE(done.reaches(1));
-  EXPECT_TRUE(order == "abc" || order == "acb") << order;
-}
-
 // More than one round of a loop can take, while another queue wants the same loop.
 TEST(SerialQueue, LetsOthersHaveTheirTurn) {
-  const auto loops = std::make_shared<VELEventLoops>(1);
-  VELEventLoops& own = *loops;
-  EXPECT_EQ(own.count(), 1U);
-  const auto busy = std::make_shared<VELSerialQueue>("busy", loops);
-  const auto other = std::make_shared<VELSerialQueue>("other", loops);
-  Count stopped;
+  const auto queues = makeQueues(2, 1);
   std::atomic<bool> goes_on{true};
-  std::function<void()> again = [&] {
-    if (goes_on) {
-      busy->async(again);
-    } else {
-      stopped.add();
-    }
-  };
-  busy->async(again);
-  Count done;
-  other->async([&] { done.add(); });
-  EXPECT_TRUE(done.reaches(1));
+  Count stopped;
+  const std::function<void()> again = [&] { goes_on ? queues[0]->async(again) : stopped.add(); };
+  queues[0]->async(again);
+  settle(*queues[1]);
   goes_on = false;
   EXPECT_TRUE(stopped.reaches(1));
 }
@@ -120,10 +94,8 @@ TEST(SerialQueue, SurvivesALastResortThatThrows) {
   const auto queue = makeQueue();
   const auto thrower = std::make_shared<Thrower>();
   queue->setLastResort(thrower);
-  Count run;
   queue->async([] { throw 2; });
-  queue->async([&] { run.add(); });
-  EXPECT_TRUE(run.reaches(1));
+  settle(*queue);
   EXPECT_EQ(log.lines().size(), 2U);
 }
 
@@ -148,17 +120,11 @@ TEST(SerialQueue, DelayedWorkWaitsForItsTimeHoweverLong) {
   Count done;
   queue->after(std::chrono::hours(3), [&] { done.add(); });
   queue->after(std::chrono::hours(2), [&] { done.add(); });
-  advanceClock(std::chrono::minutes(90));
-  queue->sync([] {});
-  queue->async([] {});
-  queue->sync([&] { EXPECT_EQ(done.value(), 0); });
-  advanceClock(std::chrono::minutes(60));
-  queue->async([] {});
-  ASSERT_TRUE(done.reaches(1));
-  queue->sync([&] { EXPECT_EQ(done.value(), 1); });
-  advanceClock(std::chrono::minutes(60));
-  queue->async([] {});
-  EXPECT_TRUE(done.reaches(2));
+  for (const int expected : {0, 1, 2}) {
+    letPass(*queue, std::chrono::minutes(expected == 0 ? 90 : 60));
+    EXPECT_TRUE(done.reaches(expected));
+    queue->sync([&] { EXPECT_EQ(done.value(), expected); });
+  }
 }
 
 TEST(SerialQueue, EndlessDelayIsNoDelayThatWrapsAround) {
@@ -174,7 +140,6 @@ TEST(SerialQueue, EndlessDelayIsNoDelayThatWrapsAround) {
 TEST(SerialQueue, StaysAliveWhileItHasWork) {
   const auto loops = std::make_shared<VELEventLoops>(1);
   Count gone;
-  Count may_go;
   Count done;
   const auto make = [&] {
     return std::shared_ptr<VELSerialQueue>(new VELSerialQueue("test", loops),
@@ -197,25 +162,17 @@ TEST(SerialQueue, StaysAliveWhileItHasWork) {
 }
 
 TEST(SerialQueue, SyncTakesAListedQueueThatNobodyElseHolds) {
-  const auto loops = std::make_shared<VELEventLoops>(1);
-  const auto blocked = std::make_shared<VELSerialQueue>("blocked", loops);
-  Count is_blocked;
-  Count may_go;
+  auto queues = makeQueues(2, 1);
   // The loop is held up for less than the watcher's patience, or taken over: both must do.
-  blocked->async([&] {
-    is_blocked.add();
-    EXPECT_TRUE(may_go.reaches(1));
-  });
-  ASSERT_TRUE(is_blocked.reaches(1));
+  Held held;
+  held.hold(*queues[0]);
   std::string order;
-  {
-    const auto queue = std::make_shared<VELSerialQueue>("test", loops);
-    queue->async([&] { order += 'a'; });
-    queue->sync([&] { order += 'b'; });
-  }
+  queues[1]->async([&] { order += 'a'; });
+  queues[1]->sync([&] { order += 'b'; });
+  queues.pop_back();
   EXPECT_EQ(order, "ab");
-  may_go.add();
-  blocked->sync([] {});
+  held.letGo();
+  queues[0]->sync([] {});
 }
 
 TEST(SerialQueue, KeepsSpecificValues) {
@@ -238,9 +195,6 @@ TEST(SerialQueue, KeepsSpecificValues) {
       EXPECT_EQ(VELSerialQueue::currentSpecific(&other_key), &two);
     });
   });
-  outer->setSpecific(&key, nullptr);
-  EXPECT_EQ(outer->specific(&key), nullptr);
-  EXPECT_EQ(outer->label(), "test");
 }
 
 // Whatever replaces whatever: only the first value that is its own key lies apart from the others.
@@ -258,6 +212,151 @@ TEST(SerialQueue, KeepsValuesThatAreTheirOwnKeys) {
       EXPECT_EQ(queue->specific(nullptr), nullptr);
     }
   }
+}
+
+TEST(SerialQueueSync, RunsOnTheCallersThreadAfterWhatWasPosted) {
+  const auto queue = makeQueue();
+  for (int round = 0; round < 1000; ++round) {
+    int run = 0;
+    for (int i = 0; i < 3; ++i) queue->async([&] { ++run; });
+    const auto thread = std::this_thread::get_id();
+    queue->sync([&] {
+      EXPECT_EQ(run, 3);
+      EXPECT_EQ(std::this_thread::get_id(), thread);
+    });
+  }
+}
+
+TEST(SerialQueueSync, GivesBackWhatTheWorkThrows) {
+  const auto queue = makeQueue();
+  EXPECT_THROW(queue->sync([] { throw std::out_of_range("x"); }), std::out_of_range);
+  bool is_free = false;
+  queue->sync([&] { is_free = true; });
+  EXPECT_TRUE(is_free);
+}
+
+TEST(SerialQueueSync, QueuesOfNestedCallsAreAllCurrent) {
+  const auto queues = makeQueues(3, 1);
+  Count done;
+  queues[0]->async([&] {
+    EXPECT_TRUE(queues[0]->isCurrent());
+    queues[1]->sync([&] {
+      queues[2]->sync([&] {
+        for (const auto& queue : queues) EXPECT_TRUE(queue->isCurrent());
+        std::thread([&] {
+          for (const auto& queue : queues) EXPECT_FALSE(queue->isCurrent());
+        }).join();
+      });
+      EXPECT_FALSE(queues[2]->isCurrent());
+    });
+    EXPECT_FALSE(queues[1]->isCurrent());
+    done.add();
+  });
+  EXPECT_TRUE(done.reaches(1));
+  queues[0]->sync([] {});
+  EXPECT_FALSE(queues[0]->isCurrent());
+}
+
+TEST(SerialQueueSync, RaisesOnTheOwnQueue) {
+  const auto queues = makeQueues(2, 1);
+  Count raised;
+  const auto tryIt = [&] {
+    try {
+      queues[0]->sync([] {});
+      ADD_FAILURE();
+    } catch (const VELException& exception) {
+      EXPECT_EQ(exception.name(), VELInvalidArgumentException);
+      raised.add();
+    }
+  };
+  queues[0]->sync(tryIt);
+  queues[0]->async(tryIt);
+  queues[0]->sync([&] { queues[1]->sync(tryIt); });
+  EXPECT_TRUE(raised.reaches(3));
+}
+
+// Whoever would close the circle is refused, and with that the others go on.
+TEST(SerialQueueSync, RefusesToCloseACircle) {
+  for (const bool on_loops : {false, true}) {
+    for (const size_t length : {2U, 3U, 5U}) {
+      const auto queues = makeQueues(length, length);
+      std::barrier held(static_cast<ptrdiff_t>(length));
+      std::atomic<int> raised{0};
+      std::atomic<int> completed{0};
+      Count done;
+      const auto hold = [&](size_t i) {
+        held.arrive_and_wait();
+        try {
+          queues[(i + 1) % length]->sync([&] { ++completed; });
+        } catch (const VELException& exception) {
+          EXPECT_EQ(exception.name(), VELInvalidArgumentException);
+          ++raised;
+        }
+        done.add();
+      };
+      std::vector<std::jthread> threads;
+      for (size_t i = 0; i < length; ++i) {
+        if (on_loops) {
+          queues[i]->async([&, i] { hold(i); });
+        } else {
+          threads.emplace_back([&, i] { queues[i]->sync([&] { hold(i); }); });
+        }
+      }
+      ASSERT_TRUE(done.reaches(static_cast<int>(length)));
+      EXPECT_EQ(raised, 1);
+      EXPECT_EQ(completed, static_cast<int>(length) - 1);
+      for (const auto& queue : queues) queue->sync([] {});
+    }
+  }
+}
+
+// Counters without locks: two threads in one queue at once are a data race, lost work is a wrong sum.
+TEST(SerialQueueSync, HoldsUnderManyThreads) {
+  constexpr size_t kQueues = 5;
+  constexpr size_t kThreads = 6;
+  constexpr int kRounds = 2000;
+  const auto queues = makeQueues(kQueues, 2);
+  std::vector<int> counters(kQueues, 0);
+  // Nested always in a higher one: no circles.
+  const auto countInBoth = [&](size_t at) {
+    ++counters[at];
+    if (at + 1 < kQueues) queues[at + 1]->sync([&] { ++counters[at + 1]; });
+  };
+  // By each thread, so that counting orders nothing between them.
+  std::vector<int> expected(kThreads, 0);
+  std::vector<std::jthread> threads;
+  for (size_t t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      std::minstd_rand random(static_cast<unsigned>(t + 1));
+      for (int i = 0; i < kRounds; ++i) {
+        const size_t at = random() % kQueues;
+        const auto kind = random() % 4;
+        if (kind == 0) queues[at]->sync([&] { ++counters[at]; });
+        if (kind == 1) queues[at]->async([&, at] { ++counters[at]; });
+        if (kind == 2) queues[at]->sync([&] { countInBoth(at); });
+        if (kind == 3) queues[at]->async([&, at] { countInBoth(at); });
+        expected[t] += kind >= 2 && at + 1 < kQueues ? 2 : 1;
+      }
+    });
+  }
+  threads.clear();
+  int sum = 0;
+  // From the lowest on: what a queue still has to do may go on to the next.
+  for (size_t i = 0; i < kQueues; ++i) queues[i]->sync([&] { sum += counters[i]; });
+  EXPECT_EQ(sum, std::accumulate(expected.begin(), expected.end(), 0));
+}
+
+// Records of threads that held a queue a moment ago must not be looked at any more.
+TEST(SerialQueueSync, ThreadsMayEndWhileOthersLookForCircles) {
+  const auto queues = makeQueues(2, 1);
+  int count = 0;
+  for (int round = 0; round < 200; ++round) {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] { queues[0]->sync([&] { queues[1]->sync([&] { ++count; }); }); });
+    }
+  }
+  EXPECT_EQ(count, 800);
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "support/count.h"
+#include "platform/queue_steps.h"
 #include "support/socket_events.h"
 
 namespace vel::test {
@@ -116,9 +116,7 @@ TEST(SocketConnecting, GivesUpInTime) {
   SilentListener silent;
   Client client;
   ASSERT_TRUE(client.socket->connectToHost("127.0.0.1", silent.listener.port(), seconds(100)));
-  client.queue->sync([] {});
-  passTime(*client.queue, seconds(90));
-  client.queue->sync([] {});
+  letPass(*client.queue, seconds(90));
   EXPECT_TRUE(client.events->all().empty());
   passTime(*client.queue, seconds(11));
   EXPECT_EQ(client.events->await("ended"), "ended VELSocket 3");

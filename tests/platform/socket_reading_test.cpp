@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/clock.h"
-#include "support/count.h"
+#include "platform/queue_steps.h"
 #include "support/socket_events.h"
 
 namespace vel::test {
@@ -27,15 +26,6 @@ void issue(VELSocket& socket, const Read& read, int64_t tag,
     socket.readDataToLength(read.length, timeout, tag);
   } else {
     socket.readDataToData(VELData(read.terminator), timeout, read.length, tag);
-  }
-}
-
-// Lets the loop come to what has arrived.
-void settle(VELSerialQueue& queue) {
-  for (int i = 0; i < 2; ++i) {
-    Count done;
-    queue.async([&] { done.add(); });
-    ASSERT_TRUE(done.reaches(1));
   }
 }
 
@@ -156,9 +146,7 @@ TEST(SocketReading, TimesTheWholeRead) {
     ServedSocket served;
     issue(*served.socket, read, 0, seconds(30));
     served.peer.send("a part");
-    settle(*served.queue);
-    passTime(*served.queue, seconds(20));
-    settle(*served.queue);
+    letPass(*served.queue, seconds(20));
     served.peer.send("another");  // does not begin the time anew
     settle(*served.queue);
     EXPECT_TRUE(served.events->all().empty());
@@ -177,9 +165,7 @@ TEST(SocketReading, TimesEachReadByItself) {
     served.peer.send("x\r\n");
     ASSERT_NE(served.events->await("read " + std::to_string(tag)), "");
   }
-  settle(*served.queue);
-  passTime(*served.queue, seconds(20));
-  settle(*served.queue);
+  letPass(*served.queue, seconds(20));
   EXPECT_EQ(served.events->all().size(), 2U);
   passTime(*served.queue, seconds(20));
   EXPECT_EQ(served.events->await("ended"), "ended VELSocket 4");
@@ -189,13 +175,11 @@ TEST(SocketReading, NeedsNoTimeoutToWait) {
   ServedSocket served;
   issue(*served.socket, {kLine, 0}, 0);
   issue(*served.socket, {kLine, 0}, 1, std::chrono::milliseconds::max());
-  settle(*served.queue);
-  for (const int hours : {1, 100}) {
-    passTime(*served.queue, std::chrono::hours(hours));
-    settle(*served.queue);
+  for (const size_t reads : {1U, 2U}) {
+    letPass(*served.queue, std::chrono::hours(100));
     EXPECT_TRUE(served.events->those("ended").empty());
     served.peer.send("x\r\n");
-    EXPECT_NE(served.events->await("read", hours == 1 ? 1 : 2), "");
+    EXPECT_NE(served.events->await("read", reads), "");
   }
 }
 
