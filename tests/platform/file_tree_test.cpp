@@ -14,13 +14,12 @@
 #include <climits>
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/words.h"
 #include "support/log_capture.h"
 #include "support/socket_peer.h"
 #include "support/stopped_clock.h"
@@ -33,6 +32,7 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using Kind = FoundFile::Kind;
 using Way = FileTree::Way;
+using test::words;
 namespace fs = std::filesystem;
 
 /// The file in a text that can be compared: "none", or its inode.
@@ -46,11 +46,6 @@ std::string identity(const std::string& path) {
 std::string identity(const std::optional<FoundFile>& found) {
   struct stat status;
   return found && ::fstat(found->file->get(), &status) == 0 ? identity(status) : "none";
-}
-
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 /// A root with files and directories, and a directory outside. Each test runs both ways.
@@ -80,6 +75,10 @@ class FileTreeTest : public testing::TestWithParam<Way> {
   }
   void link(const std::string& name, const std::string& target) const {
     ASSERT_EQ(::symlink(target.c_str(), inside(name).c_str()), 0) << name;
+  }
+  /// Whether the two names have changed places, in one step.
+  static bool exchange(const std::string& one, const std::string& other) {
+    return ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
   }
   std::string found(std::string_view path) const { return identity(tree_->find(path)); }
   /// Calls `work` as a user who is nobody, if this one may become that. Only this thread does.
@@ -276,12 +275,9 @@ TEST_P(FileTreeTest, FindsNothingOutsideWhileNamesChange) {
     for (const auto& name : words(row.may_be_found)) allowed.push_back(identity(inside(name)));
     std::atomic<int> changes = 0;
     std::jthread changing([&](const std::stop_token& stop) {
-      const std::string one = inside(row.one), other = inside(row.other);
       // An even number of times, so that all is in its place again.
       for (int i = 0; i % 2 != 0 || !stop.stop_requested(); ++i) {
-        if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
-          ++changes;
-        }
+        changes += exchange(inside(row.one), inside(row.other));
       }
     });
     int files = 0;
@@ -306,18 +302,18 @@ TEST_P(FileTreeTest, NoticesAnotherRoot) {
   const std::string place = directory_.path("place");
   const FileTree tree(place, GetParam());
   const auto at = [&](const char* path) { return identity(tree.find(path)); };
+  const auto lead = [&](const char* target) {
+    fs::remove(place);
+    fs::create_directory_symlink(target, place);
+  };
   EXPECT_EQ(at("file"), "none");
-  fs::create_directory_symlink("root", place);
+  lead("root");
   EXPECT_EQ(at("file"), identity(inside("file"))) << "at once, through the link";
-
-  fs::remove(place);
-  fs::create_directory_symlink("outside", place);
+  lead("outside");
   EXPECT_EQ(at("file"), identity(inside("file"))) << "not examined yet";
   EXPECT_EQ(at("secret"), identity(outside("secret"))) << "at once, as it was not there";
   EXPECT_EQ(at("file"), identity(outside("file")));
-
-  fs::remove(place);
-  fs::create_directory_symlink("root", place);
+  lead("root");
   advanceClock(100ms);
   EXPECT_EQ(at("file"), identity(outside("file")));
   advanceClock(1ms);
@@ -350,9 +346,7 @@ TEST_P(FileTreeTest, ServesThreadsWhileTheRootChanges) {
     --running;
   };
   const std::jthread first(look), second(look);
-  while (running > 0) {
-    ::renameat2(AT_FDCWD, place.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
-  }
+  while (running > 0) exchange(place, other);
 }
 
 TEST_P(FileTreeTest, LogsThatDescriptorsHaveRunOut) {

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <clocale>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -16,7 +15,6 @@
 namespace vel {
 namespace {
 
-using std::chrono::sys_days;
 using std::chrono::system_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -63,9 +61,9 @@ TEST(DebugLog, SaysOnceThatItIsOn) {
   const test::LogCapture log;
   VELSetDebugLogging(true);
   DebugLog unit;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back([&unit] { EXPECT_TRUE(unit.isOn()); });
-  for (std::thread& thread : threads) thread.join();
+  threads.clear();
   EXPECT_THAT(log.lines(), ElementsAre("DEBUG LOGGING IS ON"));
   VELSetDebugLogging(std::nullopt);
 }
@@ -95,29 +93,20 @@ TEST(DebugLog, DefaultComesFromTheHostThenTheEnvironment) {
   ::unsetenv("CORVANE_DEBUG_LOGGING");
 }
 
-TEST(HttpDate, FormatsInGMTWithEnglishNames) {
-  using std::chrono::seconds;
-  const std::pair<int64_t, std::string_view> cases[] = {
-      {784111777, "Sun, 06 Nov 1994 08:49:37 GMT"},  {0, "Thu, 01 Jan 1970 00:00:00 GMT"},
-      {-1, "Wed, 31 Dec 1969 23:59:59 GMT"},         {951782400, "Tue, 29 Feb 2000 00:00:00 GMT"},
-      {4107542399, "Sun, 28 Feb 2100 23:59:59 GMT"}, {4107542400, "Mon, 01 Mar 2100 00:00:00 GMT"},
-  };
-  ::setenv("TZ", "America/New_York", 1);
-  for (const auto& [second, expected] : cases) {
-    EXPECT_EQ(httpDate(system_clock::time_point(seconds(second))), expected);
-  }
-  ::unsetenv("TZ");
-}
-
 TEST(HttpDate, AgreesWithTheSystemForEveryDay) {
-  for (int day = -1000; day < 60'000; day += 7) {
+  const auto dateAt = [](std::time_t time) { return httpDate(system_clock::from_time_t(time)); };
+  ::setenv("TZ", "America/New_York", 1);
+  EXPECT_EQ(dateAt(784111777), "Sun, 06 Nov 1994 08:49:37 GMT");  // RFC 9110 §5.6.7
+  EXPECT_EQ(dateAt(-1), "Wed, 31 Dec 1969 23:59:59 GMT");
+  for (int day = -1000; day < 60'000; ++day) {
     const std::time_t time = std::time_t{day} * 86'400 + day % 86'400;
     std::tm parts{};
     ::gmtime_r(&time, &parts);
     char text[40];
     std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-    ASSERT_EQ(httpDate(system_clock::from_time_t(time)), text);
+    ASSERT_EQ(dateAt(time), text);
   }
+  ::unsetenv("TZ");
 }
 
 TEST(HttpDate, NowIsNow) {

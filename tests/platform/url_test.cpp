@@ -1,11 +1,26 @@
-// Tests of VELURL.
+// Tests of URLs, of the parameters that queries and forms give, and of the requests that clients send.
 #include "corvane/url.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
+
+#include "corvane/dictionary.h"
+#include "corvane/error.h"
+#include "corvane/progress.h"
+#include "corvane/url_request.h"
+#include "platform/url_query.h"
+#include "support/guarded_buffer.h"
+#include "support/log_capture.h"
 
 namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using vel::test::GuardedBuffer;
 
 struct Components {
   std::string_view text;
@@ -113,6 +128,140 @@ TEST(URL, AnAppendedComponentIsNeverAHost) {
     EXPECT_EQ(url.host(), "") << text;
     EXPECT_EQ(url.path(), "/etc") << text;
   }
+}
+
+using Pairs = std::map<std::string, std::string>;
+
+Pairs pairsOf(const VELDictionary& dictionary) { return {dictionary.begin(), dictionary.end()}; }
+
+TEST(FormDecoder, DecodesPairs) {
+  const struct {
+    std::string_view text;
+    Pairs expected;
+  } cases[] = {
+      {"", {}},
+      {"&&", {}},
+      {"=x", {}},
+      {"=", {}},
+      {"a=1&a=2", {{"a", "2"}}},
+      {"flag", {{"flag", ""}}},
+      {"a=1&a", {{"a", ""}}},
+      {"a=b=c", {{"a", "b"}}},
+      {"a==c", {{"a", ""}}},
+      {"a+b=c+d", {{"a b", "c d"}}},
+      {"a%2Bb=%26%3D", {{"a+b", "&="}}},
+      {"k=%zz", {{"k", ""}}},
+      {"k=ok%", {{"k", ""}}},
+      {"k=%4", {{"k", ""}}},
+      {"%zz=1&b=2", {{"b", "2"}}},
+      {"k=1&k=%zz", {{"k", ""}}},
+      {"k=%C3%A9", {{"k", "\xC3\xA9"}}},
+      {"k=%FF&%FF=1", {{"k", ""}}},
+      {"A=1&a=2", {{"A", "1"}, {"a", "2"}}},
+      {"&a=1&&b=2&", {{"a", "1"}, {"b", "2"}}},
+  };
+  for (const auto& c : cases) {
+    const GuardedBuffer buffer(c.text);
+    EXPECT_EQ(pairsOf(vel_dictionaryWithHTTPFormEncodedString(buffer.view())), c.expected)
+        << c.text;
+  }
+}
+
+TEST(FormDecoder, KeepsManyPairsApart) {
+  std::string text;
+  for (int i = 0; i < 100'000; ++i) text += "k" + std::to_string(i) + "=v&";
+  EXPECT_EQ(vel_dictionaryWithHTTPFormEncodedString(text).size(), 100'000U);
+}
+
+TEST(QueryParameters, FollowTheItems) {
+  const struct {
+    std::string_view query;
+    Pairs expected;
+  } cases[] = {
+      {"", {}},
+      {"x=1", {{"x", "1"}}},
+      {"x=1&x=2", {{"x", "2"}}},
+      {"x=1&x", {}},
+      {"x&x=1", {{"x", "1"}}},
+      {"x=", {{"x", ""}}},
+      {"q=a+b", {{"q", "a+b"}}},
+      {"a=b=c", {{"a", "b=c"}}},
+      {"a%20b=c%20d", {{"a b", "c d"}}},
+      {"a=%zz%20", {{"a", "%zz "}}},
+      {"a=%", {{"a", "%"}}},
+      {"a=%ff", {{"a", "%ff"}}},
+      {"=v", {{"", "v"}}},
+      {"a=1&&b=2", {{"a", "1"}, {"b", "2"}}},
+  };
+  for (const auto& c : cases) {
+    const GuardedBuffer buffer(c.query);
+    EXPECT_EQ(pairsOf(vel::dictionaryWithURLQuery(buffer.view())), c.expected) << c.query;
+  }
+}
+
+TEST(KeyOrder, FindsKeysInAnyCaseWhenToldTo) {
+  VELDictionary headers(VELKeyOrder{true});
+  headers["Content-Type"] = "text/plain";
+  headers["CONTENT-TYPE"] = "text/html";
+  const VELDictionary copy = headers;
+  EXPECT_THAT(copy, ElementsAre(Pair("Content-Type", "text/html")));
+  EXPECT_NE(copy.find(std::string_view("content-type")), copy.end());
+  EXPECT_EQ(VELDictionary(headers.begin(), headers.end()).count("content-type"), 0U);
+}
+
+TEST(URLRequest, KeepsFieldsThatCannotEndTheirLine) {
+  const vel::test::LogCapture log;
+  VELURLRequest request(*VELURL::URLWithString("http://h/"));
+  request.setValueForHTTPHeaderField("a\r\nX: 1", "Evil");
+  request.setValueForHTTPHeaderField("x", "No\r\nToken");
+  request.addValueForHTTPHeaderField("chat", "sec-websocket-protocol");
+  request.addValueForHTTPHeaderField("superchat", "Sec-WebSocket-Protocol");
+  request.setValueForHTTPHeaderField("1", "Gone");
+  request.setValueForHTTPHeaderField(std::nullopt, "GONE");
+  EXPECT_THAT(
+      request.allHTTPHeaderFields(),
+      ElementsAre(Pair("Evil", "a  X: 1"), Pair("Sec-WebSocket-Protocol", "chat,superchat")));
+  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_THROW(request.setMethod("GET / HTTP/1.1\r\n"), VELException);
+  EXPECT_EQ(request.method(), "GET");
+}
+
+TEST(URLRequest, HasOneBodyAtATime) {
+  VELURLRequest request(*VELURL::URLWithString("http://h/"));
+  request.setBody(VELData(std::string("a")));
+  request.setBodyStream(VELInputStream::inputStreamWithData("b"));
+  EXPECT_FALSE(request.body());
+  request.setBody(VELData(std::string("a")));
+  EXPECT_EQ(request.bodyStream(), nullptr);
+}
+
+TEST(Progress, RunsTheHandlerOnce) {
+  auto progress = VELProgress::discreteProgress(-1);
+  int first = 0;
+  int second = 0;
+  progress->setCancellationHandler([&] { ++first; });
+  progress->cancel();
+  progress->cancel();
+  progress->setCancellationHandler([&] { ++second; });
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 1);
+
+  for (int round = 0; round < 100; ++round) {
+    auto raced = VELProgress::discreteProgress(-1);
+    std::atomic<int> calls{0};
+    std::thread canceller([&] { raced->cancel(); });
+    raced->setCancellationHandler([&] { ++calls; });
+    canceller.join();
+    EXPECT_EQ(calls, 1);
+  }
+}
+
+TEST(Progress, KeepsObjectsByName) {
+  VELProgress progress(-1);
+  progress.setUserInfoObjectForKey(std::make_shared<int>(4), "object");
+  EXPECT_EQ(*std::any_cast<std::shared_ptr<int>>(progress.userInfoObject("object")), 4);
+  progress.setUserInfoObjectForKey({}, "object");
+  EXPECT_FALSE(progress.userInfoObject("object").has_value());
 }
 
 }  // namespace
