@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 
+#include "support/temporary_directory.h"
 #include "support/test_certificate.h"
 
 namespace vel::test {
@@ -14,9 +14,7 @@ namespace {
 
 std::vector<std::string> subjectsOf(const VELCertificateList& list) {
   std::vector<std::string> subjects;
-  for (const auto& certificate : list) {
-    subjects.push_back(certificate->subjectSummary());
-  }
+  for (const auto& certificate : list) subjects.push_back(certificate->subjectSummary());
   return subjects;
 }
 
@@ -24,27 +22,21 @@ bool isIdentity(const std::shared_ptr<const VELCertificate>& certificate) {
   return std::dynamic_pointer_cast<const VELIdentity>(certificate) != nullptr;
 }
 
-class Identity : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    chained_ =
-        new TestIdentity(makeChainedIdentity({"b\xC3\xBC"
-                                              "cher.test"}));
-    single_ = new TestIdentity(makeSelfSignedIdentity(KeyKind::kRSA, {"localhost"}));
-  }
-  static void TearDownTestSuite() {
-    delete chained_;
-    delete single_;
-  }
-  static const TestIdentity& chained() { return *chained_; }
-  static const TestIdentity& single() { return *single_; }
+const std::string kName =
+    "b\xC3\xBC"
+    "cher.test";
 
- private:
-  static inline const TestIdentity* chained_ = nullptr;
-  static inline const TestIdentity* single_ = nullptr;
-};
+const TestIdentity& chained() {
+  static const TestIdentity identity = makeChainedIdentity({kName});
+  return identity;
+}
 
-TEST_F(Identity, ReadsPEMInWhateverStandsAround) {
+const TestIdentity& single() {
+  static const TestIdentity identity = makeSelfSignedIdentity(KeyKind::kRSA, {"localhost"});
+  return identity;
+}
+
+TEST(Identity, ReadsPEMInWhateverStandsAround) {
   const std::string parameters =
       "-----BEGIN EC PARAMETERS-----\nBggqhkjOPQMBBw==\n-----END EC PARAMETERS-----\n";
   const std::string note = "Bag Attributes\n    friendlyName: test\n";
@@ -57,9 +49,8 @@ TEST_F(Identity, ReadsPEMInWhateverStandsAround) {
   for (const auto& [certificates, key] : cases) {
     VELError error;
     const VELCertificateList list = VELIdentity::certificateListWithPEM(certificates, key, &error);
-    ASSERT_EQ(subjectsOf(list), (std::vector<std::string>{"CN = b\xC3\xBC"
-                                                          "cher.test",
-                                                          "CN = Test Intermediate"}))
+    ASSERT_EQ(subjectsOf(list),
+              (std::vector<std::string>{"CN = " + kName, "CN = Test Intermediate"}))
         << error.description();
     EXPECT_TRUE(isIdentity(list[0]));
     EXPECT_FALSE(isIdentity(list[1]));
@@ -67,7 +58,7 @@ TEST_F(Identity, ReadsPEMInWhateverStandsAround) {
   }
 }
 
-TEST_F(Identity, RefusesPEMThatMakesNone) {
+TEST(Identity, RefusesPEMThatMakesNone) {
   std::string broken = chained().certificates;
   broken.insert(broken.size() - 100, "*");
   const std::string cut = chained().certificates.substr(0, chained().certificates.size() - 40);
@@ -111,46 +102,41 @@ TEST_F(Identity, RefusesPEMThatMakesNone) {
   }
 }
 
-TEST_F(Identity, SaysWhichFileCannotBeRead) {
-  const std::string folder = testing::TempDir();
-  const std::string certificates = folder + "corvane_identity_certificates.pem";
-  const std::string key = folder + "corvane_identity_key.pem";
-  const std::string empty = folder + "corvane_identity_empty.pem";
+TEST(Identity, SaysWhichFileCannotBeRead) {
+  const TemporaryDirectory folder;
+  const std::string certificates = folder.path("certificates.pem");
+  const std::string key = folder.path("key.pem");
+  const std::string empty = folder.path("empty.pem");
+  const std::string absent = folder.path("absent.pem");
   std::ofstream(certificates) << single().certificates;
   std::ofstream(key) << single().privateKey;
   std::ofstream(empty).flush();
 
   EXPECT_EQ(VELIdentity::certificateListWithPEMFiles(certificates, key).size(), 1U);
   VELError error;
-  EXPECT_TRUE(
-      VELIdentity::certificateListWithPEMFiles(certificates, folder + "absent", &error).empty());
+  EXPECT_TRUE(VELIdentity::certificateListWithPEMFiles(certificates, absent, &error).empty());
   EXPECT_EQ(error.domain(), VELPOSIXErrorDomain);
   EXPECT_EQ(error.code(), ENOENT);
-  EXPECT_NE(error.localizedDescription().find(folder + "absent"), std::string::npos);
-  EXPECT_TRUE(VELIdentity::certificateListWithPEMFiles(folder, key, &error).empty());
+  EXPECT_NE(error.localizedDescription().find(absent), std::string::npos);
+  EXPECT_TRUE(VELIdentity::certificateListWithPEMFiles(folder.path(), key, &error).empty());
   EXPECT_EQ(error.code(), EISDIR);
   EXPECT_TRUE(VELIdentity::certificateListWithPEMFiles(empty, key, &error).empty());
   EXPECT_EQ(error.localizedDescription(), "The file \"" + empty + "\" is empty.");
-  for (const std::string& path : {certificates, key, empty}) {
-    std::remove(path.c_str());
-  }
 }
 
-TEST_F(Identity, PutsThePKCS12ChainInOrder) {
+TEST(Identity, PutsThePKCS12ChainInOrder) {
   for (const std::string password : {"secret", ""}) {
     VELError error;
     const VELCertificateList list =
         VELIdentity::certificateListWithPKCS12(makePKCS12(chained(), password), password, &error);
-    ASSERT_EQ(subjectsOf(list),
-              (std::vector<std::string>{"CN = b\xC3\xBC"
-                                        "cher.test",
-                                        "CN = Test Intermediate", "CN = Test Root"}))
+    ASSERT_EQ(subjectsOf(list), (std::vector<std::string>{"CN = " + kName, "CN = Test Intermediate",
+                                                          "CN = Test Root"}))
         << error.description();
     EXPECT_TRUE(isIdentity(list[0]));
   }
 }
 
-TEST_F(Identity, RefusesPKCS12) {
+TEST(Identity, RefusesPKCS12) {
   const std::string archive = makePKCS12(chained(), "secret");
   const struct {
     std::string archive;

@@ -51,13 +51,18 @@ std::string numberedBytes(size_t length) {
   return bytes;
 }
 
-/// Two ends that have shaken hands.
+/// Two ends that have shaken hands; halfway the last message to the server is still to come.
 struct Pair {
-  explicit Pair(size_t capacity = 4096)
+  explicit Pair(size_t capacity = 4096, bool is_halfway = false)
       : client(clientSettings(localIdentity(), "localhost"), capacity),
         server(serverSettings(localIdentity()), capacity) {
     client.start();
-    exchange(client, server);
+    if (is_halfway) {
+      server.take(std::exchange(client.toSend, {}));
+      client.take(std::exchange(server.toSend, {}));
+    } else {
+      exchange(client, server);
+    }
   }
   TlsEnd client;
   TlsEnd server;
@@ -90,16 +95,12 @@ TEST(TlsSession, CarriesDataHoweverTheBytesArrive) {
 
 TEST(TlsSession, TakesDataThatComesWithTheEndOfTheHandshake) {
   for (const size_t step : {std::string::npos, size_t{1}}) {
-    TlsEnd client(clientSettings(localIdentity(), "localhost"));
-    TlsEnd server(serverSettings(localIdentity()));
-    client.start();
-    server.take(std::exchange(client.toSend, {}));
-    client.take(std::exchange(server.toSend, {}));
-    ASSERT_TRUE(client.session->isHandshakeDone());
-    ASSERT_FALSE(server.session->isHandshakeDone());
-    client.write("first");
-    exchange(client, server, step);
-    EXPECT_EQ(server.received, "first");
+    Pair pair(4096, true);
+    ASSERT_TRUE(pair.client.session->isHandshakeDone());
+    ASSERT_FALSE(pair.server.session->isHandshakeDone());
+    pair.client.write("first");
+    exchange(pair.client, pair.server, step);
+    EXPECT_EQ(pair.server.received, "first");
   }
 }
 
@@ -150,18 +151,14 @@ TEST(TlsSession, SaysOnceThatItEnds) {
 }
 
 TEST(TlsSession, EndsWhileTicketsAreUnderWay) {
-  TlsEnd client(clientSettings(localIdentity(), "localhost"));
-  TlsEnd server(serverSettings(localIdentity()));
-  client.start();
-  server.take(std::exchange(client.toSend, {}));
-  client.take(std::exchange(server.toSend, {}));
-  client.session->shutdown(&client.toSend);
-  server.take(std::exchange(client.toSend, {}));
-  EXPECT_EQ(server.status, Status::kClosed);
-  server.write("answer");
-  client.take(std::exchange(server.toSend, {}));
-  EXPECT_EQ(client.received, "answer");
-  EXPECT_EQ(client.status, Status::kNeedsInput);
+  Pair pair(4096, true);
+  pair.client.session->shutdown(&pair.client.toSend);
+  pair.server.take(std::exchange(pair.client.toSend, {}));
+  EXPECT_EQ(pair.server.status, Status::kClosed);
+  pair.server.write("answer");
+  pair.client.take(std::exchange(pair.server.toSend, {}));
+  EXPECT_EQ(pair.client.received, "answer");
+  EXPECT_EQ(pair.client.status, Status::kNeedsInput);
 }
 
 TEST(TlsSession, IsNotMisledByFailuresElsewhereOnTheThread) {
@@ -185,14 +182,10 @@ TEST(TlsSession, FailsOnWhatIsNotTLS) {
   for (const std::string& bytes : cases) {
     for (const size_t step : {std::string::npos, size_t{1}}) {
       TlsEnd server(serverSettings(localIdentity()));
-      TlsEnd nobody(VELTLSSettings{});
-      nobody.toSend = bytes;
-      while (!nobody.toSend.empty()) {
-        server.take(nobody.toSend.substr(0, step));
-        nobody.toSend.erase(0, step);
+      for (std::string rest = bytes; !rest.empty(); rest.erase(0, step)) {
+        server.take(rest.substr(0, step));
       }
       EXPECT_EQ(server.status, Status::kFailed) << bytes;
-      EXPECT_EQ(server.session->error().domain(), VELSocketErrorDomain);
       EXPECT_EQ(server.session->error().code(), kVELSocketTLSFailed);
       EXPECT_NE(server.session->error().localizedDescription(), "");
       const std::string alert = server.toSend;
@@ -226,6 +219,7 @@ TEST(TlsSession, ChecksThePeer) {
   TestIdentity withoutMiddle = chained;
   withoutMiddle.certificates.resize(withoutMiddle.certificates.find("-----BEGIN", 1));
   const std::string untrusted = "certificate verify failed: ";
+  const TestIdentity by_the_system;  // names no root of its own
   const struct {
     const TestIdentity& server;
     const TestIdentity& trusted;
@@ -240,6 +234,7 @@ TEST(TlsSession, ChecksThePeer) {
       {localIdentity(), localIdentity(), "localhost.test", untrusted + "hostname mismatch"},
       {localIdentity(), localIdentity(), "127.0.0.2", untrusted + "IP address mismatch"},
       {localIdentity(), other, "localhost", untrusted},
+      {localIdentity(), by_the_system, "localhost", untrusted},
       {localIdentity(), other, "", ""},
       {chained, chained, "localhost", ""},
       {withoutMiddle, chained, "localhost", untrusted},
@@ -257,16 +252,6 @@ TEST(TlsSession, ChecksThePeer) {
     // The peer learns of it by an alert.
     EXPECT_EQ(server.status == Status::kFailed, !row.error.empty()) << row.name;
   }
-}
-
-TEST(TlsSession, DoesNotTrustTheSystemWithAnUnknownCertificate) {
-  VELTLSSettings settings;
-  settings.peerName = "localhost";
-  TlsEnd client(settings);
-  TlsEnd server(serverSettings(localIdentity()));
-  client.start();
-  exchange(client, server);
-  EXPECT_EQ(client.status, Status::kFailed);
 }
 
 TEST(TlsSession, NamesTheHostItLooksFor) {
@@ -305,7 +290,6 @@ TEST(TlsSession, RefusesSettingsThatMakeNone) {
     settings.trustedRoots = row.roots;
     VELError error;
     EXPECT_EQ(TlsSession::create(settings, &error), nullptr);
-    EXPECT_EQ(error.domain(), VELSocketErrorDomain);
     EXPECT_EQ(error.code(), row.code) << error.description();
     EXPECT_EQ(TlsSession::create(settings, nullptr), nullptr);
   }
