@@ -32,6 +32,7 @@ TEST(Request, StartsWithAnIdentifierAndNothingElse) {
   EXPECT_EQ(request.POSTParameters(), std::nullopt);
   EXPECT_EQ(request.body(), std::nullopt);
   EXPECT_EQ(request.connection(), nullptr);
+  EXPECT_THAT(request.description(), testing::MatchesRegex("<VELRequest: 0x[0-9a-f]+> .*"));
 }
 
 TEST(Request, TellsWhatWasReceived) {
