@@ -52,7 +52,7 @@ std::string parsedInPieces(std::string_view bytes, size_t first, size_t further)
 }
 
 struct HeadCase {
-  std::string_view bytes;
+  std::string bytes;
   std::string_view expected;
 };
 
@@ -99,44 +99,42 @@ TEST(MessageHead, ReadsResponses) {
 }
 
 TEST(MessageHead, RefusesMalformedStartLines) {
-  std::vector<HeadCase> cases;
-  for (const std::string_view bytes : {"GET /\r\n",
-                                       "GET / \r\n",
-                                       "GET  / HTTP/1.1\r\n",
-                                       "GET /  HTTP/1.1\r\n",
-                                       "GET / HTTP/1.1 \r\n",
-                                       " GET / HTTP/1.1\r\n",
-                                       "GET\t/ HTTP/1.1\r\n",
-                                       "GET HTTP/1.1\r\n",
-                                       "GET  HTTP/1.1\r\n",
-                                       "/ HTTP/1.1\r\n",
-                                       "G@T / HTTP/1.1\r\n",
-                                       "GET / a HTTP/1.1\r\n",
-                                       "GET / http/1.1\r\n",
-                                       "GET / HTTP/1\r\n",
-                                       "GET / HTTP/1.10\r\n",
-                                       "GET / HTTP/11\r\n",
-                                       "GET / HTTP/x.1\r\n",
-                                       "GET / HTTP/1,1\r\n",
-                                       "GET / FTP/1.1\r\n",
-                                       "GET /%zz HTTP/1.1\r\n",
-                                       "GET relative HTTP/1.1\r\n",
-                                       "GET /\rHost:a HTTP/1.1\r\n",
-                                       "GET / HTTP/1.1\r\r\n",
-                                       "HTTP/1.1\r\n",
-                                       "HTTP/1.1 \r\n",
-                                       "HTTP/1.1 20\r\n",
-                                       "HTTP/1.1 2x0 OK\r\n",
-                                       "HTTP/1.1  200 OK\r\n",
-                                       "HTTP/1.1 2000\r\n",
-                                       "HTTP/1.1 200OK\r\n",
-                                       "HTTP/1 200 OK\r\n",
-                                       "HTTP/1.1 200 a\rb\r\n",
-                                       "HTTP/1.1 200 \x01\r\n",
-                                       ":\r\n"}) {
-    cases.push_back({bytes, "malformed"});
+  for (const std::string line : {"GET /",
+                                 "GET / ",
+                                 "GET  / HTTP/1.1",
+                                 "GET /  HTTP/1.1",
+                                 "GET / HTTP/1.1 ",
+                                 " GET / HTTP/1.1",
+                                 "GET\t/ HTTP/1.1",
+                                 "GET HTTP/1.1",
+                                 "GET  HTTP/1.1",
+                                 "/ HTTP/1.1",
+                                 "G@T / HTTP/1.1",
+                                 "GET / a HTTP/1.1",
+                                 "GET / http/1.1",
+                                 "GET / HTTP/1",
+                                 "GET / HTTP/1.10",
+                                 "GET / HTTP/11",
+                                 "GET / HTTP/x.1",
+                                 "GET / HTTP/1,1",
+                                 "GET / FTP/1.1",
+                                 "GET /%zz HTTP/1.1",
+                                 "GET relative HTTP/1.1",
+                                 "GET /\rHost:a HTTP/1.1",
+                                 "GET / HTTP/1.1\r",
+                                 "HTTP/1.1",
+                                 "HTTP/1.1 ",
+                                 "HTTP/1.1 20",
+                                 "HTTP/1.1 2x0 OK",
+                                 "HTTP/1.1  200 OK",
+                                 "HTTP/1.1 2000",
+                                 "HTTP/1.1 200OK",
+                                 "HTTP/1 200 OK",
+                                 "HTTP/1.1 200 a\rb",
+                                 "HTTP/1.1 200 \x01",
+                                 ":"}) {
+    expectHeads({{line + "\r\n", "malformed"}});
   }
-  expectHeads(cases);
 }
 
 TEST(MessageHead, RefusesMalformedFields) {
@@ -144,10 +142,9 @@ TEST(MessageHead, RefusesMalformedFields) {
        {"a\r\n", ":\r\n", ": b\r\n", "a : b\r\n", "a\t: b\r\n", "a b: c\r\n", "(a): b\r\n",
         "\xC3\xA4: b\r\n", " a: b\r\n", "\ta: b\r\n", " \r\n", "a: b\rc\r\n", "a: b\r\r\n",
         "a: \x7F\r\n", "A: 1\r\n 2\r\n", "A: 1\r\n\t2\r\n"}) {
-    const std::string head = "GET / HTTP/1.1\r\n" + std::string(line) + "\r\n";
-    expectHeads({{head, "malformed"}});
+    expectHeads({{"GET / HTTP/1.1\r\n" + std::string(line) + "\r\n", "malformed"}});
   }
-  expectHeads({{{"GET / HTTP/1.1\r\na: b\0c\r\n\r\n", 27}, "malformed"},
+  expectHeads({{std::string("GET / HTTP/1.1\r\na: b\0c\r\n\r\n", 27), "malformed"},
                {"HTTP/1.1 200 OK\r\n a: b\r\n\r\n", "malformed"},
                {"HTTP/1.1 200 OK\r\nA: 1\r\n 2\x01\r\n\r\n", "malformed"}});
 }
@@ -161,28 +158,6 @@ TEST(MessageHead, StaysMalformedOrComplete) {
   EXPECT_EQ(head.appendLine(""), HeadProgress::kComplete);
   EXPECT_EQ(head.appendLine("A: 1\r\n"), HeadProgress::kComplete);
   EXPECT_EQ(head.fieldCount(), 0U);
-}
-
-TEST(MessageHead, ConsumesNothingBeyondItsEnd) {
-  MessageHead head;
-  HeadParser parser;
-  size_t consumed = 0;
-  const std::string_view bytes = "GET / HTTP/1.1\r\nA: 1\r\n\r\nGET /next";
-  EXPECT_EQ(parser.appendData(bytes, &head, &consumed), HeadProgress::kComplete);
-  EXPECT_EQ(bytes.substr(consumed), "GET /next");
-}
-
-TEST(MessageHead, TellsVersionsApart) {
-  const std::vector<std::pair<std::string, HTTPVersion>> cases = {
-      {"HTTP/1.1", HTTPVersion::k1_1},
-      {"HTTP/1.0", HTTPVersion::k1_0},
-      {"HTTP/1.2", HTTPVersion::kOther},
-      {"HTTP/2.0", HTTPVersion::kOther},
-      {"HTTP/0.9", HTTPVersion::kOther}};
-  for (const auto& [version, kind] : cases) {
-    EXPECT_EQ(parsed("GET / " + version + "\r\n\r\n").versionKind(), kind) << version;
-  }
-  EXPECT_EQ(MessageHead().versionKind(), HTTPVersion::kNone);
 }
 
 TEST(MessageHead, FindsKnownFieldsInAnyLetterCase) {
@@ -290,14 +265,6 @@ TEST(MessageHead, KeepsItsPartsWhenItGrowsAndMoves) {
   EXPECT_EQ(head.target().path, "/");
   EXPECT_EQ(head.target().host, "host.example");
   EXPECT_EQ(head.valueForField("field-98"), std::string(70, 'v') + "98");
-}
-
-TEST(MessageHead, DecodesThePathOnlyIfNeeded) {
-  std::string scratch;
-  const MessageHead plain = parsed("GET /plain/?q HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(plain.path(&scratch), "/plain");
-  EXPECT_TRUE(scratch.empty());
-  EXPECT_EQ(parsed("GET /a%20b HTTP/1.1\r\n\r\n").path(&scratch), "/a b");
 }
 
 TEST(MessageHead, SetsFields) {

@@ -39,10 +39,12 @@ TEST(RequestReport, TellsEveryAnswerOnce) {
   FakeConnection fake(configurationWith({routeFor("/known", answeringWith("hello"))}));
   Reports reports(&fake);
   fake.socket().receive("GET /known?q HTTP/1.1\r\n\r\nGET /other HTTP/1.1\r\n\r\n");
-  fake.socket().receive("GET /known HTTP/1.9\r\n\r\nGET /known HTTP/1.1\r\nbad\r\n\r\n");
+  fake.socket().receive("HEAD /known HTTP/1.1\r\n\r\nGET /known HTTP/1.9\r\n\r\n");
+  fake.socket().receive("GET /known HTTP/1.1\r\nbad\r\n\r\n");
   EXPECT_THAT(reports.lines,
               ElementsAre("GET /known?q HTTP/1.1 200 5 /known", "GET /other HTTP/1.1 404 0 /other",
-                          "GET /known HTTP/1.9 505 0 /known", "GET /known HTTP/1.1 400 0"));
+                          "HEAD /known HTTP/1.1 200 0 /known", "GET /known HTTP/1.9 505 0 /known",
+                          "GET /known HTTP/1.1 400 0"));
   EXPECT_EQ(reports.bytes, fake.socket().output().size());
 }
 

@@ -29,16 +29,9 @@ TEST(Request, StartsWithAnIdentifierAndNothingElse) {
   EXPECT_NE(request.identifier(), VELRequest(std::nullopt).identifier());
   EXPECT_EQ(VELRequest(VELUUID()).identifier(), VELUUID());
   EXPECT_EQ(request.encoding(), VELUTF8StringEncoding);
-  EXPECT_EQ(request.URL(), std::nullopt);
-  EXPECT_EQ(request.method(), "");
-  EXPECT_EQ(request.path(), "");
-  EXPECT_TRUE(request.headers().empty());
-  EXPECT_TRUE(request.GETParameters().empty());
   EXPECT_EQ(request.POSTParameters(), std::nullopt);
   EXPECT_EQ(request.body(), std::nullopt);
   EXPECT_EQ(request.connection(), nullptr);
-  EXPECT_EQ(request.contentType(), std::nullopt);
-  EXPECT_FALSE(request.isSecure());
   EXPECT_THAT(request.description(), testing::MatchesRegex("<VELRequest: 0x[0-9a-f]+> .*"));
 }
 
@@ -94,12 +87,6 @@ TEST(Request, LooksUpHeadersThatWereSetInUpperCase) {
   folding["Mixed"] = "2";
   request.setHeaders(folding);
   EXPECT_EQ(request.valueForHeader("mixed"), "2");
-}
-
-TEST(Request, IsSecureByItsURLAlone) {
-  EXPECT_TRUE(received({"GET HTTPS://h/ HTTP/1.1\r\n"})->isSecure());
-  EXPECT_FALSE(received({"GET http://h/ HTTP/1.1\r\n"})->isSecure());
-  EXPECT_FALSE(received({"GET / HTTP/1.1\r\n"})->isSecure());
 }
 
 TEST(Request, HasEmptyPOSTParametersForFormsAndNoneForTheRest) {

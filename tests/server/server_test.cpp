@@ -1,7 +1,6 @@
 // Tests of a server over real sockets: where it listens, and how it starts and ends.
 #include "corvane/server.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -49,7 +48,6 @@ TEST_F(Server, BeginsWithADefaultConfigurationAndListensNowhere) {
   EXPECT_EQ(server_->configuration()->keepAliveInterval(), 15.0);
   EXPECT_FALSE(server_->isRunning());
   EXPECT_EQ(server_->listeningPort(), 0);
-  EXPECT_EQ(server_->HTTPVersion(), "HTTP/1.1");
   EXPECT_THROW(server_->setConfiguration(nullptr), VELException);
   server_->stop();
 }
@@ -172,70 +170,6 @@ TEST_F(Server, ClosesItsPortAndItsConnectionsWhenItGoesAway) {
   VELError error;
   EXPECT_TRUE(next->start(&error)) << error.description();
   next->kill();
-}
-
-TEST(ServerWithRequests, LetsARequestInFlightFinishAfterStop) {
-  std::promise<VELResponseHandler> evaluated;
-  TestServer test([&](VELConfiguration& configuration) {
-    configuration.addRoute(vel::test::blockRoute(
-        "/slow", [&](VELRoute&, const std::shared_ptr<VELRequest>&,
-                     const VELResponseHandler& respond) { evaluated.set_value(respond); }));
-  });
-  auto client = test.connect();
-  client->send("GET /slow HTTP/1.1\r\nConnection: close\r\n\r\n");
-  const VELResponseHandler respond = evaluated.get_future().get();
-  test.server().stop();
-  EXPECT_EQ(test.server().numberOfConnections(), 1U);
-  respond(vel::test::textResponse("done"));
-  EXPECT_EQ(client->readAnswer().body, "done");
-  EXPECT_TRUE(test.waitForConnections(0));
-}
-
-TEST(ServerWithRequests, ClosesEveryConnectionOnKill) {
-  TestServer test([](VELConfiguration&) {});
-  auto idle = test.connect();
-  auto used = test.connect();
-  EXPECT_TRUE(TestServer::isServed(*used));
-  ASSERT_TRUE(test.waitForConnections(2));
-  test.server().kill();
-  EXPECT_EQ(test.server().numberOfConnections(), 0U);
-  EXPECT_EQ(idle->readToEnd(), "");
-  EXPECT_EQ(used->readToEnd(), "");
-}
-
-TEST(ServerWithRequests, DrainsIdleConnectionsAtOnceAndBusyOnesAfterTheirAnswer) {
-  std::promise<VELResponseHandler> evaluated;
-  TestServer test([&](VELConfiguration& configuration) {
-    configuration.addRoute(vel::test::blockRoute(
-        "/slow", [&](VELRoute&, const std::shared_ptr<VELRequest>&,
-                     const VELResponseHandler& respond) { evaluated.set_value(respond); }));
-  });
-  auto idle = test.connect();
-  EXPECT_TRUE(TestServer::isServed(*idle));
-  auto busy = test.connect();
-  busy->send("GET /slow HTTP/1.1\r\n\r\n");
-  const VELResponseHandler respond = evaluated.get_future().get();
-  std::promise<void> drained;
-  auto future = drained.get_future();
-  test.server().drain(std::chrono::hours(1), [&] { drained.set_value(); });
-  EXPECT_EQ(idle->readToEnd(), "");
-  EXPECT_TRUE(test.waitForConnections(1));
-  EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  respond(vel::test::textResponse("done"));
-  EXPECT_EQ(busy->readAnswer().body, "done");
-  EXPECT_EQ(busy->readToEnd(), "");
-  EXPECT_EQ(future.wait_for(kPatience), std::future_status::ready);
-}
-
-TEST(ServerWithRequests, ServesNewConnectionsFromANewConfiguration) {
-  TestServer test([](VELConfiguration&) {});
-  auto before = test.connect();
-  EXPECT_EQ(before->exchange("GET /new HTTP/1.1\r\n\r\n").status, 404);
-  auto configuration = std::make_shared<VELConfiguration>();
-  configuration->addRoute(vel::test::textRoute("/", "new"));
-  test.server().setConfiguration(configuration);
-  EXPECT_EQ(before->exchange("GET /new HTTP/1.1\r\n\r\n").status, 404);
-  EXPECT_EQ(test.connect()->exchange("GET /new HTTP/1.1\r\n\r\n").body, "new");
 }
 
 /// Serves one connection with debug logging on, and leaves with 0 when the server logged what it

@@ -124,14 +124,6 @@ void FakeSocket::close(std::optional<VELError> error) {
   error_ = std::move(error);
   reads_.clear();
   writes_.clear();
-  const std::lock_guard lock(mutex_);
-  is_closed_ = true;
-  condition_.notify_all();
-}
-
-bool FakeSocket::waitUntilClosed() {
-  std::unique_lock lock(mutex_);
-  return condition_.wait_for(lock, std::chrono::seconds(20), [this] { return is_closed_; });
 }
 
 bool FakeSocket::completeOne() {

@@ -2,13 +2,10 @@
 // says so, on the delegate queue, with no kernel, no threads of its own and no clock.
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -51,9 +48,6 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   void holdWrites(bool isHeld) { writes_are_held_ = isHeld; }
   /// Completes the oldest held write.
   void completeOneWrite();
-  void setUnsentLength(size_t length) { unsent_length_ = length; }
-  /// Waits until the connection has closed the socket by itself; false when that takes too long.
-  bool waitUntilClosed();
 
   /// Everything that was issued, oldest first.
   const std::vector<SocketCall>& calls() const { return calls_; }
@@ -93,7 +87,7 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   std::shared_ptr<VELSerialQueue> delegateQueue() const override { return queue_; }
   bool isSecure() const override { return tls_settings_.has_value(); }
   bool isConnected() const override { return state_ == State::kOpen; }
-  size_t unsentLength() const override { return unsent_length_; }
+  size_t unsentLength() const override { return 0; }
   VELSocketAddress localAddress() const override { return {"192.0.2.1", 80}; }
   VELSocketAddress peerAddress() const override { return {"192.0.2.7", 51234}; }
 
@@ -113,7 +107,6 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   bool writes_are_held_ = false;
   bool settles_in_one_turn_ = false;
   bool is_input_at_hand_ = false;
-  std::atomic<size_t> unsent_length_{0};
   std::optional<VELError> error_;
   std::optional<VELTLSSettings> tls_settings_;
   std::vector<SocketCall> calls_;
@@ -121,11 +114,6 @@ class FakeSocket final : public VELSocket, public std::enable_shared_from_this<F
   std::string output_;
   std::deque<SocketCall> reads_;
   std::deque<int64_t> writes_;
-
-  std::mutex mutex_;
-  std::condition_variable condition_;
-  // Guarded by mutex_.
-  bool is_closed_ = false;
 };
 
 }  // namespace vel::test

@@ -1,4 +1,5 @@
 // Routes about responses: every way in which a body can be delivered, or not be.
+#include <deque>
 #include <fstream>
 #include <map>
 #include <utility>
@@ -6,6 +7,7 @@
 #include "corvane/input_stream.h"
 #include "corvane/responses.h"
 #include "support/digits_response.h"
+#include "support/scripted_response.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
 #include "wire/case_routes.h"
@@ -13,35 +15,28 @@
 namespace vel::test {
 namespace {
 
-/// Delivers one piece per read, whatever length is asked for.
-class PiecesResponse : public VELResponse {
- public:
-  /// Claims to be finished with the last piece only if `tells_end`.
-  PiecesResponse(std::vector<std::string> pieces, bool tells_end)
-      : pieces_(std::move(pieces)), tells_end_(tells_end) {
-    setStatus(200);
-  }
-
-  VELData readDataOfLength(uint64_t) override {
-    return next_ < pieces_.size() ? VELData(pieces_[next_++]) : VELData();
-  }
-  bool isFinished() const override { return tells_end_ && next_ == pieces_.size(); }
-
- private:
-  const std::vector<std::string> pieces_;
-  const bool tells_end_;
-  size_t next_ = 0;
-};
-
-std::shared_ptr<VELResponse> chunked(std::vector<std::string> pieces, bool tells_end) {
-  auto response = std::make_shared<PiecesResponse>(std::move(pieces), tells_end);
+/// Claims to be finished with the last piece only if `tells_end`.
+std::shared_ptr<VELResponse> chunked(std::deque<std::string> pieces, bool tells_end) {
+  auto response = std::make_shared<ScriptedResponse>(std::move(pieces), tells_end);
   response->setChunked(true);
   return response;
 }
 
-std::shared_ptr<VELResponse> announced(uint64_t length, std::vector<std::string> pieces) {
-  auto response = std::make_shared<PiecesResponse>(std::move(pieces), false);
+std::shared_ptr<VELResponse> announced(uint64_t length, std::deque<std::string> pieces) {
+  auto response = std::make_shared<ScriptedResponse>(std::move(pieces), false);
   response->setContentLength(length);
+  return response;
+}
+
+std::shared_ptr<VELResponse> digitsInChunks() {
+  auto response = std::make_shared<DigitsResponse>(20);
+  response->setChunked(true);
+  return response;
+}
+
+std::shared_ptr<VELResponse> withoutBody() {
+  auto response = std::make_shared<VELResponse>();
+  response->setStatus(204);
   return response;
 }
 
@@ -96,12 +91,7 @@ const std::map<std::string, Maker>& makers() {
       {"data-large", [] { return textResponse(std::string(1'000'000, 'd')); }},
       {"description-injected", [] { return described("Fine\r\nX-Injected: b"); }},
       {"digits", [] { return std::make_shared<DigitsResponse>(20); }},
-      {"digits-chunked",
-       [] {
-         auto response = std::make_shared<DigitsResponse>(20);
-         response->setChunked(true);
-         return response;
-       }},
+      {"digits-chunked", digitsInChunks},
       {"digits-file", [] { return file(fileOfDigits()); }},
       {"digits-moving", [] { return std::make_shared<DigitsResponse>(20, true); }},
       {"fields",
@@ -120,12 +110,7 @@ const std::map<std::string, Maker>& makers() {
        [] {
          return withFields({{"Content-Length", "7"}});
        }},
-      {"plain",
-       [] {
-         auto response = std::make_shared<VELResponse>();
-         response->setStatus(204);
-         return response;
-       }},
+      {"plain", withoutBody},
       {"stream", [] { return stream(false); }},
       {"stream-chunked", [] { return stream(true); }},
       {"unfinished", [] { return announced(5, {"Hello"}); }},

@@ -1,18 +1,12 @@
 // Files on the wire: what arrives of them however they are sent, and what becomes of those that change
 // meanwhile.
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "corvane/file_route.h"
-#include "platform/clock.h"
-#include "support/socket_peer.h"
 #include "support/temporary_directory.h"
 #include "wire/wire_case.h"
 
@@ -69,30 +63,6 @@ TEST_P(ServedFiles, ArriveWholeAndInTurn) {
   EXPECT_EQ(client->readAnswer().status, 404);
 }
 
-TEST_P(ServedFiles, AreClosedAfterwardsWhateverHappens) {
-  file("large", 2'000'000);
-  ASSERT_TRUE(TestServer::isServed(*server_.connect()));
-  ASSERT_TRUE(server_.waitForConnections(0));
-  const size_t before = openDescriptorCount();
-  {
-    const auto whole = server_.connect();
-    whole->send("HEAD /files/large HTTP/1.1\r\nConnection: close\r\n\r\n");
-    EXPECT_EQ(whole->readHead().status, 200);
-    const auto broken = server_.connect();
-    broken->send(get("large"));
-    broken->readHead();
-  }
-  ASSERT_TRUE(server_.waitForConnections(0));
-  // The root is kept open, and files are for a second or two.
-  const auto limit = std::chrono::steady_clock::now() + kPatience;
-  while (openDescriptorCount() > before + 1 && std::chrono::steady_clock::now() < limit) {
-    advanceClock(std::chrono::seconds(1));
-    ASSERT_TRUE(TestServer::isServed(*server_.connect()));
-    ASSERT_TRUE(server_.waitForConnections(0));
-  }
-  EXPECT_LE(openDescriptorCount(), before + 1);
-}
-
 // A client is told of less than was announced only by the end of the connection.
 TEST_P(ServedFiles, MayBecomeShorterWhileTheyAreSent) {
   for (const size_t rest : {0UL, 60'000UL, 700'000UL}) {
@@ -124,20 +94,6 @@ TEST_P(ServedFiles, MayGrowAndBeReplacedWhileTheyAreSent) {
   std::filesystem::remove(directory_.path("grows"));
   EXPECT_EQ(client->exchange(get("grows")).status, 404);
   EXPECT_EQ(client->exchange(get("former")).body.size(), 3'000'004U);
-}
-
-TEST_P(ServedFiles, AreNeverPipesOrSockets) {
-  ASSERT_EQ(::mkfifo(directory_.path("pipe").c_str(), 0644), 0);
-  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, directory_.path("socket").c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  const auto client = server_.connect();
-  for (const char* name : {"pipe", "socket"}) {
-    EXPECT_EQ(client->exchange(get(name)).status, 404) << name;
-  }
-  ::close(listener);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // meanwhile; handlers that throw or block.
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <latch>
 #include <memory>
 #include <thread>
@@ -17,14 +16,6 @@ namespace vel::test {
 namespace {
 
 const std::string kHeldRequest = head({"GET /held HTTP/1.1"});
-
-/// Whether a line that contains `part` was logged.
-bool hasLogged(const LogCapture& log, const std::string& part) {
-  const auto lines = log.lines();
-  return std::any_of(lines.begin(), lines.end(), [&part](const std::string& line) {
-    return line.find(part) != std::string::npos;
-  });
-}
 
 class Handler : public ::testing::TestWithParam<Transport> {
  protected:
@@ -59,19 +50,6 @@ TEST_P(Handler, IsHeardOnlyOnce) {
   respond(nullptr, VELError("CaseErrorDomain", 1));
   EXPECT_TRUE(TestServer::isServed(*client));
   EXPECT_EQ(log.lines().size(), 2U);
-}
-
-TEST_P(Handler, KeepsItsClientWaitingWhenItIsDropped) {
-  const LogCapture log;
-  const auto client = server_.connect();
-  client->send(kHeldRequest);
-  { const VELResponseHandler dropped = held_.take(); }
-  EXPECT_EQ(log.lines().size(), 1U);
-  const auto other = server_.connect();
-  EXPECT_TRUE(TestServer::isServed(*other));
-  EXPECT_EQ(server_.server().numberOfConnections(), 2U);
-  client->wire().reset();
-  EXPECT_TRUE(server_.waitForConnections(1));
 }
 
 TEST_P(Handler, MayAnswerAfterItsClientHasGone) {
@@ -152,17 +130,19 @@ TEST_P(Handler, ThatThrowsClosesItsConnectionOnly) {
     EXPECT_TRUE(TestServer::isServed(*bystander));
   }
   EXPECT_TRUE(server.waitForConnections(1));
-  EXPECT_TRUE(
-      hasLogged(log, "Uncaught exception raised during request processing: a fault of the host's"));
+  EXPECT_THAT(log.lines(),
+              ::testing::Contains(
+                  "Uncaught exception raised during request processing: a fault of the host's"));
 }
 
+// The handler is called on this thread, which must not notice.
 TEST_P(Handler, WhoseResponseThrowsClosesItsConnectionOnly) {
   const LogCapture log;
   const auto bystander = server_.connect();
   const auto client = server_.connect();
   client->send(kHeldRequest);
   held_.take()(responseThatRaises());
-  client->readToEnd();
+  EXPECT_EQ(client->readToEnd(), "");
   EXPECT_TRUE(TestServer::isServed(*bystander));
   EXPECT_TRUE(server_.waitForConnections(1));
 }

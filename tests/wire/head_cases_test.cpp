@@ -24,6 +24,7 @@ TEST_P(HeadCases, FollowTheVersionAndTheConnectionField) {
   };
   run({
       {"1.1", request("HTTP/1.1", ""), {kHello}},
+      {"1.1 keep-alive", request("HTTP/1.1", "Connection: keep-alive"), {kHello}},
       {"1.1 close", request("HTTP/1.1", "Connection: close"), {kHello}, After::kClosed},
       {"1.1 CLOSE", request("HTTP/1.1", "CONNECTION: CLOSE"), {kHello}, After::kClosed},
       {"1.1 close in a list", request("HTTP/1.1", "Connection: close, x"), {kHello}},
@@ -33,6 +34,9 @@ TEST_P(HeadCases, FollowTheVersionAndTheConnectionField) {
       {"1.0 Keep-Alive", request("HTTP/1.0", "connection: Keep-Alive"), {kHello}},
       {"1.0 other", request("HTTP/1.0", "Connection: keep"), {kHello}, After::kClosed},
       {"another version", request("HTTP/1.2", ""), {{505, "", {"Content-Length: 0"}}}},
+      {"another version, which is seen after the body",
+       head({"POST /describe HTTP/2.0", "Content-Length: 3"}) + "abc",
+       {{505, ""}}},
       {"another version stays open in spite of close",
        request("HTTP/2.0", "Connection: close"),
        {{505, "", {"Content-Length: 0"}, {"Connection"}}}},
@@ -96,6 +100,9 @@ TEST_P(HeadCases, ArePipelined) {
        head({"GET /text HTTP/1.1", "Connection: close"}) + head({"GET /text HTTP/1.1"}),
        {kHello},
        After::kClosed},
+      {"empty lines between",
+       "\r\n" + head({"GET /text HTTP/1.1"}) + "\r\n\r\n" + head({"GET /text HTTP/1.1"}),
+       {kHello, kHello}},
       {"a body between",
        head({"POST /describe HTTP/1.1", "Content-Length: 3"}) + "abc" +
            head({"GET /text HTTP/1.1"}),

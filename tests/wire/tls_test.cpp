@@ -61,12 +61,6 @@ TEST_F(TLS, FailsForOneConnectionAtATime) {
   plain->send(head({"GET /is-alive HTTP/1.1"}));
   EXPECT_THAT(plain->readToEnd(), ::testing::Not(::testing::HasSubstr("HTTP/")));
   EXPECT_TRUE(TestServer::isServed(*bystander));
-
-  // One that says nothing waits for nobody.
-  const auto silent = server_.connectPlain();
-  EXPECT_TRUE(TestServer::isServed(*bystander));
-  silent->wire().reset();
-  EXPECT_TRUE(server_.waitForConnections(1));
 }
 
 TEST_F(TLS, OutlivesABadRecordBehindAGoodRequest) {
