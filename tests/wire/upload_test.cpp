@@ -44,7 +44,7 @@ class Upload : public ::testing::TestWithParam<Transport> {
                      const std::string& body) {
     {
       const std::lock_guard guard(mutex_);
-      expected_ = &body;
+      expected_ = body;
     }
     client.send(head({"POST /upload HTTP/1.1", field}) + sent);
     return client.readAnswer().body;
@@ -57,12 +57,12 @@ class Upload : public ::testing::TestWithParam<Transport> {
   TemporaryDirectory directory_;
   std::mutex mutex_;
   // Guarded by mutex_.
-  const std::string* expected_ = nullptr;
+  std::string expected_;
   TestServer server_{{.transport = GetParam()}, [this](VELConfiguration& configuration) {
                        auto route = blockRoute(
                            "/upload", [this](VELRoute&, const auto& request, const auto& respond) {
                              const std::lock_guard guard(mutex_);
-                             respond(textResponse(fileOf(*request, *expected_)));
+                             respond(textResponse(fileOf(*request, expected_)));
                            });
                        route->setAllowedHTTPMethods({"POST"});
                        configuration.addRoute(route);
