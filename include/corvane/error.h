@@ -54,8 +54,6 @@ inline constexpr char VELErrorDetailKey[] = "VELErrorDetail";
 inline constexpr int64_t VELFormattingError = 2048;
 /// Code in `VELCocoaErrorDomain`: the host has called it off.
 inline constexpr int64_t VELUserCancelledError = 3072;
-/// Code in `VELURLErrorDomain`: the server's answer is not one that can be used.
-inline constexpr int64_t VELURLErrorBadServerResponse = -1011;
 
 /// Name of exceptions about arguments and calls that the interface does not allow.
 inline constexpr char VELInvalidArgumentException[] = "NSInvalidArgumentException";

@@ -2,6 +2,7 @@
 // HTTP. Bytes beyond ASCII are never changed and never match a letter.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -116,6 +117,17 @@ constexpr std::string_view trimmed(std::string_view text) noexcept {
   while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
   while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
   return text;
+}
+
+/// Calls `call` with each item of a list that commas separate, without the blanks around it; items may be empty
+/// (RFC 9110 §5.6.1).
+template <class Call>
+void forEachListItem(std::string_view list, Call&& call) {
+  for (size_t begin = 0; begin <= list.size();) {
+    const size_t end = std::min(list.find(',', begin), list.size());
+    call(trimmed(list.substr(begin, end - begin)));
+    begin = end + 1;
+  }
 }
 
 /// Where the first CR LF of `input` ends, of which the first `from` bytes are known to hold none; 0 when there

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/ascii.h"
+#include "platform/url_parts.h"
 
 namespace vel {
 namespace {
@@ -46,9 +47,7 @@ void redirect(VELURLRequest* request, uint64_t status, const VELURL& location) {
 }
 
 std::string hostFieldOf(const VELURL& url) {
-  std::string host = url.host();
-  // Brackets tell the colons of an IPv6 address from the one before a port.
-  if (host.find(':') != std::string::npos) host = "[" + host + "]";
+  std::string host = hostInBrackets(url.host());
   if (const auto port = url.port()) host += ":" + std::to_string(*port);
   return host;
 }

@@ -31,12 +31,10 @@ bool announcesBody(std::string_view method) {
 }
 
 bool hasToken(std::string_view list, std::string_view token) {
-  while (!list.empty()) {
-    const size_t comma = std::min(list.find(','), list.size());
-    if (equalsIgnoringCase(trimmed(list.substr(0, comma)), token)) return true;
-    list.remove_prefix(std::min(comma + 1, list.size()));
-  }
-  return false;
+  bool is_found = false;
+  forEachListItem(list,
+                  [&](std::string_view item) { is_found |= equalsIgnoringCase(item, token); });
+  return is_found;
 }
 
 struct ErrorOfCode {

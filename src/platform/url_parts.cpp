@@ -141,4 +141,8 @@ std::string_view pathExtension(std::string_view path) noexcept {
   return name.substr(dot + 1);
 }
 
+std::string hostInBrackets(std::string host) {
+  return host.find(':') == std::string::npos ? host : "[" + host + "]";
+}
+
 }  // namespace vel

@@ -43,6 +43,9 @@ bool splitURL(std::string_view text, URLParts* out) noexcept;
 /// decode, into `scratch`.
 std::string_view decodedPath(const URLParts& parts, std::string* scratch);
 
+/// `host` as it stands before a port: brackets tell the colons of an IPv6 address from the one that follows.
+std::string hostInBrackets(std::string host);
+
 /// What follows the last "." of the last component of a decoded path, unless that "." is the first or last
 /// character of the component.
 std::string_view pathExtension(std::string_view path) noexcept;

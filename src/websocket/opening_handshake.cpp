@@ -7,6 +7,7 @@
 #include "platform/ascii.h"
 #include "platform/digest.h"
 #include "platform/secure_random.h"
+#include "platform/url_parts.h"
 
 namespace vel {
 namespace {
@@ -30,10 +31,6 @@ std::string randomKey() {
   return base64Of(nonce);
 }
 
-std::string hostField(const std::string& host) {
-  return host.find(':') == std::string::npos ? host : "[" + host + "]";
-}
-
 }  // namespace
 
 std::string acceptValueForKey(std::string_view key) {
@@ -42,12 +39,9 @@ std::string acceptValueForKey(std::string_view key) {
 
 std::vector<std::string> offeredProtocols(std::string_view list) {
   std::vector<std::string> protocols;
-  for (size_t begin = 0; begin <= list.size();) {
-    const size_t end = std::min(list.find(',', begin), list.size());
-    const std::string_view protocol = trimmed(list.substr(begin, end - begin));
+  forEachListItem(list, [&protocols](std::string_view protocol) {
     if (!protocol.empty()) protocols.emplace_back(protocol);
-    begin = end + 1;
-  }
+  });
   return protocols;
 }
 
@@ -56,7 +50,7 @@ VELHTTPMessage upgradeRequest(const VELURLRequest& request, const std::string& h
   for (const auto& [field, value] : request.allHTTPHeaderFields()) {
     message.setValueForHeaderField(value, field);
   }
-  message.setValueForHeaderField(hostField(host), "Host");
+  message.setValueForHeaderField(hostInBrackets(host), "Host");
   message.setValueForHeaderField("websocket", "Upgrade");
   message.setValueForHeaderField("Upgrade", "Connection");
   message.setValueForHeaderField("13", "Sec-WebSocket-Version");

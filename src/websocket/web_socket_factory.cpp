@@ -28,11 +28,11 @@ uint16_t portOf(const VELURL& url) {
 
 /// One WebSocket that is being opened: its socket, what to ask, and who waits for it.
 ///
-/// | Event                     | The handler is told              |
-/// |---------------------------|----------------------------------|
-/// | an answer of 101 or 200   | the session                      |
-/// | another answer            | NSURLErrorDomain, -1011          |
-/// | a cancellation            | NSCocoaErrorDomain, 3072         |
+/// | Event                     | The handler is told               |
+/// |---------------------------|-----------------------------------|
+/// | an answer of 101 or 200   | the session                       |
+/// | another answer            | `VELURLErrorDomain`, -1011        |
+/// | a cancellation            | `VELCocoaErrorDomain`, 3072       |
 /// | the socket's disconnect   | the socket's error, if it has one |
 ///
 /// Meant so: more than one of these can happen. The disconnect that a cancellation causes is told as well,
@@ -97,7 +97,7 @@ class PendingOpen final : public VELSocketDelegate,
     VELWebSocketFactory::sharedFactory().remove(keep);
     const UpgradeAnswer answer = parseUpgradeAnswer(data.view());
     if (!answer.isAccepted) {
-      tell(nullptr, VELError(VELURLErrorDomain, VELURLErrorBadServerResponse));
+      tell(nullptr, VELError(VELURLErrorDomain, kVELURLErrorBadServerResponse));
       return;
     }
     awaits_disconnect_ = false;
